@@ -1,0 +1,123 @@
+/* Private interface of the edgeinst module: shared between its source files
+ * and visible to the tests, never exported from a shared build. */
+#ifndef QUARL_EDGEINST_INTERNAL_H
+#define QUARL_EDGEINST_INTERNAL_H
+
+#include "quarl/edgeinst.h"
+
+#include <stddef.h>
+#include <stdint.h>
+
+extern "C" {
+
+/* ---- Allocation --------------------------------------------------------
+ * Every allocation of the module goes through these, so that a test build
+ * (QUARL_FAULT_INJECTION) can make the n-th one fail and count live blocks.
+ * A zero-byte request is served as one byte, so null always means failure. */
+void *quarl_mem_alloc(size_t size);
+void *quarl_mem_alloc_zeroed(size_t count, size_t size);
+void *quarl_mem_realloc(void *block, size_t size);
+void quarl_mem_free(void *block);
+
+#ifdef QUARL_FAULT_INJECTION
+/* Fail the n-th allocation from now on (1 = the next one); 0 disarms. */
+void quarl_fault_fail_nth(uint64_t n);
+/* Allocations attempted since the last quarl_fault_fail_nth(). */
+uint64_t quarl_fault_attempts(void);
+/* True once the armed failure has been delivered. */
+bool quarl_fault_triggered(void);
+/* Blocks currently allocated through the functions above. */
+int64_t quarl_fault_live_blocks(void);
+#endif
+
+/* ---- Invariant checks --------------------------------------------------
+ * Always on: a failed check reports through the platform's assertion
+ * handler with the quoted expression text, the source name "edgeinst", the
+ * line and the function, and stops the process. */
+[[noreturn]] void quarl_assert_fail(const char *expression, unsigned int line,
+                                    const char *function);
+
+#define QUARL_CHECK(condition, text) \
+    ((condition) ? (void)0 : quarl_assert_fail((text), __LINE__, __func__))
+
+/* ---- Trace mask --------------------------------------------------------- */
+extern uint32_t quarl_inst_trace_mask;
+
+static inline bool quarl_trace_on(uint32_t bit)
+{
+    return quarl_inst_trace_mask != 0 && (quarl_inst_trace_mask & bit) != 0;
+}
+
+/* Size of every label and name buffer of the library. */
+#define QUARL_NAME_BUF_LEN 256u
+
+/* ---- Lists --------------------------------------------------------------- */
+QuarlInstList *quarl_inst_list_create(void);
+QuarlInstListElement *quarl_inst_list_append(QuarlInstList *list, void *data);
+void quarl_inst_list_delete(QuarlInstList *list);
+void quarl_inst_list_remove(QuarlInstList *list, QuarlInstListElement *element);
+/* Takes the head element's item off a queue and frees the element; null for
+ * an empty list. */
+void *quarl_inst_list_pop_head(QuarlInstList *list);
+
+/* ---- Graph order and names ----------------------------------------------- */
+int quarl_inst_edge_src_dest_lesser(const void *edge1, const void *edge2);
+char *quarl_inst_edge_get_name(const QuarlInstEdge *edge, char *buf /* 256 bytes */);
+
+/* ---- Formula bitsets ------------------------------------------------------ */
+QuarlInstBitset *quarl_inst_bitset_create(uint32_t bits);
+void quarl_inst_bitset_delete(QuarlInstBitset *bitset);
+void quarl_inst_bitset_set_bit(QuarlInstBitset *bitset, uint32_t pos);
+bool quarl_inst_bitset_get_bit(const QuarlInstBitset *bitset, uint32_t pos);
+void quarl_inst_bitset_clear_bit(QuarlInstBitset *bitset, uint32_t pos);
+void quarl_inst_bitset_merge_with(QuarlInstBitset *bitset1, const QuarlInstBitset *bitset2);
+bool quarl_inst_bitset_intersects(const QuarlInstBitset *bitset1,
+                                  const QuarlInstBitset *bitset2);
+void quarl_inst_bitset_clear_intersection(QuarlInstBitset *bitset1, QuarlInstBitset *bitset2);
+
+/* ---- Formulas -------------------------------------------------------------- */
+void quarl_inst_edge_clear_formula(QuarlInstEdge *edge);
+bool quarl_inst_edge_check_formula_intersection(const QuarlInstEdge *edge,
+                                                const QuarlInstBitset *mask);
+QuarlInstEdge *quarl_inst_graph_get_edge_for_formula_position(const QuarlInstGraph *graph,
+                                                              uint32_t bit_pos);
+/* Adds term (instrumented: its position; computed: its formula) to the
+ * formula of edge with the sign + (positive) or - (not positive). */
+void quarl_inst_edge_add_formula_term(QuarlInstEdge *edge, const QuarlInstEdge *term,
+                                      bool positive);
+void quarl_inst_edge_formula_string_get(const QuarlInstEdge *edge, char *buf,
+                                        uint32_t buf_len);
+
+/* ---- Edge transitions ------------------------------------------------------ */
+void quarl_inst_edge_set_as_computed(QuarlInstEdge *edge);
+
+/* ---- Resolution and placement ---------------------------------------------- */
+bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node, QuarlInstList *ready_queue,
+                                             QuarlInstList *deferred_queue,
+                                             QuarlInstBitset *immeasurable_mask, bool force,
+                                             uint8_t *remaining_nodes);
+bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph, QuarlInstList *ready_queue,
+                                           uint8_t *remaining_nodes);
+
+/* ---- Profile reconstruction -------------------------------------------------- */
+/* The formula rebuild behind quarl_inst_graph_compute_formulas(). With
+ * untrusted set (stored profile data), a decoded graph that breaks the
+ * rebuild's invariants gives 0 instead of stopping the process. */
+int32_t quarl_inst_graph_rebuild_formulas(QuarlInstGraph *graph, bool untrusted);
+uint64_t quarl_inst_edge_execute_formula(QuarlInstEdge *edge);
+/* The propagation behind quarl_inst_graph_propagate_exec_counts(); false
+ * when some working memory could not be had, so that counts may be
+ * incomplete. */
+bool quarl_inst_graph_propagate_counts(QuarlInstGraph *graph);
+
+/* ---- Encoding ----------------------------------------------------------------- */
+/* Packs one successor-list record (flag field, destination, counter) in the
+ * format of encoded_graph and appends it; 1 on success, 0 when the stream
+ * cannot grow. */
+uint32_t quarl_encoded_graph_encode_edge_succ_list_format(QuarlEncodedGraph *encoded_graph,
+                                                          uint32_t flags, uint32_t dest_idx,
+                                                          uint32_t counter_idx);
+
+} /* extern "C" */
+
+#endif /* QUARL_EDGEINST_INTERNAL_H */

@@ -1,0 +1,133 @@
+// Helpers shared by the test suites: graph builders, output capture,
+// allocation-failure sweeps and a generator of routines with true counts.
+#pragma once
+
+#include <gtest/gtest.h>
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "edgeinst_internal.h"
+
+namespace quarl_test {
+
+// ---- Ownership ------------------------------------------------------------
+
+struct GraphDeleter {
+    void operator()(QuarlInstGraph *graph) const { quarl_inst_graph_delete(graph); }
+};
+using GraphPtr = std::unique_ptr<QuarlInstGraph, GraphDeleter>;
+
+struct EncodedGraphDeleter {
+    void operator()(QuarlEncodedGraph *encoded) const
+    {
+        if (encoded != nullptr)
+            quarl_encoded_graph_delete(encoded);
+    }
+};
+using EncodedGraphPtr = std::unique_ptr<QuarlEncodedGraph, EncodedGraphDeleter>;
+
+struct StreamDeleter {
+    void operator()(QuarlStream *stream) const
+    {
+        if (stream != nullptr)
+            quarl_stream_delete(stream);
+    }
+};
+using StreamPtr = std::unique_ptr<QuarlStream, StreamDeleter>;
+
+// ---- Building graphs --------------------------------------------------------
+
+// One edge of a graph under test; flags default to a plain reachable edge.
+struct EdgeSpec {
+    uint32_t src;
+    uint32_t dest;
+    bool instrumented = false;
+    uint32_t counter = 0;
+    bool reachable = true;
+    bool pseudo = false;
+    bool immeasurable = false;
+    int64_t cost = 0;
+};
+
+// Nodes 0 .. num_nodes-1 (all reachable unless listed in unreachable_nodes),
+// then the edges in order; instrumented edges are marked through
+// quarl_inst_edge_set_as_instrumented. m_num_counters is one more than the
+// highest counter index of an instrumented edge.
+GraphPtr build_graph(uint32_t num_nodes, const std::vector<EdgeSpec> &edges,
+                     const std::vector<uint32_t> &unreachable_nodes = {});
+
+// The edge at index i of the graph's edge vector.
+inline QuarlInstEdge *edge_at(const GraphPtr &graph, uint32_t i) { return graph->m_edge_vec[i]; }
+inline QuarlInstNode *node_at(const GraphPtr &graph, uint32_t i)
+{
+    return quarl_inst_graph_find_node_by_idx(graph.get(), i);
+}
+
+// The positions set in a bitset, ascending.
+std::vector<uint32_t> positions_of(const QuarlInstBitset *bitset);
+
+// The stored words of an encoded graph (quarl_encoded_graph_length of them).
+std::vector<uint32_t> stored_words(const QuarlEncodedGraph *encoded);
+
+// The bytes of a stream from 0 to m_length.
+std::vector<uint8_t> stream_bytes(const QuarlStream *stream);
+
+// ---- Output -------------------------------------------------------------------
+
+// What write() writes to a FILE stream.
+std::string capture_file_output(const std::function<void(FILE *)> &write);
+
+// What run() writes to the standard error stream.
+std::string capture_stderr(const std::function<void()> &run);
+
+// Sets the trace mask for one scope and clears it after.
+class TraceMaskScope {
+public:
+    explicit TraceMaskScope(uint32_t mask) { quarl_inst_trace_mask_set(mask); }
+    ~TraceMaskScope() { quarl_inst_trace_mask_set(0); }
+    TraceMaskScope(const TraceMaskScope &) = delete;
+    TraceMaskScope &operator=(const TraceMaskScope &) = delete;
+};
+
+// ---- Allocation failures -------------------------------------------------------
+
+// Runs scenario once for each allocation that its armed part makes, with
+// that allocation failing: k = 1, 2, ... until a run completes with no
+// failure delivered. The scenario builds what it needs, calls
+// arm_allocation_failure() just before the operation under test, and checks
+// the result against allocation_failure_delivered(). Returns the number of
+// allocations covered (runs with a failure).
+uint64_t sweep_allocation_failures(const std::function<void()> &scenario);
+void arm_allocation_failure();
+bool allocation_failure_delivered();
+
+// ---- Generated routines ----------------------------------------------------------
+
+// A strongly connected routine without self-loops: block 0 is the entry,
+// block num_nodes-1 the exit, a chain 0 -> 1 -> ... -> exit, random extra
+// edges (branches, loops, parallel edges), and last a pseudo edge from the
+// exit to the entry. Counters sit on the edges off a random spanning tree,
+// numbered in edge order. edge_counts is a valid flow (a sum of random
+// cycles) and block_counts each block's incoming total.
+struct Routine {
+    uint32_t num_nodes = 0;
+    std::vector<EdgeSpec> edges;
+    std::vector<uint64_t> edge_counts;
+    std::vector<uint64_t> block_counts;
+    uint32_t num_counters = 0;
+
+    // counters[c]: the true count of the edge carrying counter c.
+    std::vector<uint64_t> counter_values() const;
+};
+
+Routine generate_routine(std::mt19937_64 &rng, uint32_t num_nodes, uint32_t extra_edges);
+
+// Builds the routine's graph with its counters marked.
+GraphPtr build_routine_graph(const Routine &routine);
+
+} // namespace quarl_test
