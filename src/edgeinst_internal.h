@@ -37,8 +37,12 @@ int64_t quarl_fault_live_blocks(void);
 [[noreturn]] void quarl_assert_fail(const char *expression, unsigned int line,
                                     const char *function);
 
-#define QUARL_CHECK(condition, text) \
-    ((condition) ? (void)0 : quarl_assert_fail((text), __LINE__, __func__))
+#define QUARL_CHECK(condition, text) QUARL_CHECK_FOR(__func__, condition, text)
+
+/* The same, reported under the name of the operation that a private helper
+ * serves. */
+#define QUARL_CHECK_FOR(function, condition, text) \
+    ((condition) ? (void)0 : quarl_assert_fail((text), __LINE__, (function)))
 
 /* ---- Trace mask --------------------------------------------------------- */
 extern uint32_t quarl_inst_trace_mask;

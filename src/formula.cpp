@@ -8,36 +8,39 @@ namespace {
 
 const uint32_t bits_per_chunk = 32;
 
-void check_same_chunk_count(const QuarlInstBitset *bitset1, const QuarlInstBitset *bitset2)
+void check_same_chunk_count(const QuarlInstBitset *bitset1, const QuarlInstBitset *bitset2,
+                            const char *operation)
 {
-    QUARL_CHECK(bitset1->m_chunk_count == bitset2->m_chunk_count,
+    QUARL_CHECK_FOR(operation, bitset1->m_chunk_count == bitset2->m_chunk_count,
                 "((bitset1)->m_chunk_count) == ((bitset2)->m_chunk_count)");
 }
 
-void check_formula_present(const QuarlInstBitset *additive, const QuarlInstBitset *subtractive)
+void check_formula_present(const QuarlInstBitset *additive, const QuarlInstBitset *subtractive,
+                           const char *operation)
 {
-    QUARL_CHECK(additive != nullptr && subtractive != nullptr,
+    QUARL_CHECK_FOR(operation, additive != nullptr && subtractive != nullptr,
                 "additive != ((void *)0) && subtractive != ((void *)0)");
 }
 
 // Takes the edge out of one node's list of uncalculated edges; it must be
 // there.
-void remove_from_uncalculated(QuarlInstNode *node, const QuarlInstEdge *edge)
+void remove_from_uncalculated(QuarlInstNode *node, const QuarlInstEdge *edge,
+                              const char *operation)
 {
     QuarlInstList *list = node->m_uncalculated_edges;
     QuarlInstListElement *element = list->m_head;
     while (element != nullptr && element->m_data != edge)
         element = element->m_next;
     bool ok = element != nullptr;
-    QUARL_CHECK(ok, "ok");
+    QUARL_CHECK_FOR(operation, ok, "ok");
     quarl_inst_list_remove(list, element);
 }
 
-void leave_uncalculated_lists(QuarlInstEdge *edge)
+void leave_uncalculated_lists(QuarlInstEdge *edge, const char *operation)
 {
-    remove_from_uncalculated(edge->m_src, edge);
+    remove_from_uncalculated(edge->m_src, edge, operation);
     if (edge->m_dest != edge->m_src)
-        remove_from_uncalculated(edge->m_dest, edge);
+        remove_from_uncalculated(edge->m_dest, edge, operation);
 }
 
 } // namespace
@@ -93,7 +96,7 @@ extern "C" void quarl_inst_bitset_merge_with(QuarlInstBitset *bitset1,
 {
     QUARL_CHECK(bitset1 != nullptr && bitset2 != nullptr,
                 "bitset1 != ((void *)0) && bitset2 != ((void *)0)");
-    check_same_chunk_count(bitset1, bitset2);
+    check_same_chunk_count(bitset1, bitset2, __func__);
     for (uint32_t i = 0; i < bitset1->m_chunk_count; ++i)
         bitset1->m_chunks[i] |= bitset2->m_chunks[i];
 }
@@ -101,7 +104,7 @@ extern "C" void quarl_inst_bitset_merge_with(QuarlInstBitset *bitset1,
 extern "C" bool quarl_inst_bitset_intersects(const QuarlInstBitset *bitset1,
                                             const QuarlInstBitset *bitset2)
 {
-    check_same_chunk_count(bitset1, bitset2);
+    check_same_chunk_count(bitset1, bitset2, __func__);
     for (uint32_t i = 0; i < bitset1->m_chunk_count; ++i)
         if ((bitset1->m_chunks[i] & ~bitset2->m_chunks[i]) != 0)
             return true;
@@ -111,7 +114,7 @@ extern "C" bool quarl_inst_bitset_intersects(const QuarlInstBitset *bitset1,
 extern "C" void quarl_inst_bitset_clear_intersection(QuarlInstBitset *bitset1,
                                                     QuarlInstBitset *bitset2)
 {
-    check_same_chunk_count(bitset1, bitset2);
+    check_same_chunk_count(bitset1, bitset2, __func__);
     for (uint32_t i = 0; i < bitset1->m_chunk_count; ++i) {
         uint32_t a = bitset1->m_chunks[i];
         bitset1->m_chunks[i] = a & ~bitset2->m_chunks[i];
@@ -125,7 +128,7 @@ extern "C" void quarl_inst_edge_clear_formula(QuarlInstEdge *edge)
 {
     QuarlInstBitset *additive = edge->m_additive;
     QuarlInstBitset *subtractive = edge->m_subtractive;
-    check_formula_present(additive, subtractive);
+    check_formula_present(additive, subtractive, __func__);
     for (uint32_t i = 0; i < additive->m_chunk_count; ++i)
         additive->m_chunks[i] = 0;
     for (uint32_t i = 0; i < subtractive->m_chunk_count; ++i)
@@ -136,7 +139,7 @@ extern "C" void quarl_inst_edge_clear_formula(QuarlInstEdge *edge)
 extern "C" bool quarl_inst_edge_check_formula_intersection(const QuarlInstEdge *edge,
                                                           const QuarlInstBitset *mask)
 {
-    check_formula_present(edge->m_additive, edge->m_subtractive);
+    check_formula_present(edge->m_additive, edge->m_subtractive, __func__);
     return quarl_inst_bitset_intersects(edge->m_additive, mask) ||
            quarl_inst_bitset_intersects(edge->m_subtractive, mask);
 }
@@ -186,7 +189,7 @@ extern "C" void quarl_inst_edge_set_as_instrumented(QuarlInstEdge *edge)
     if (edge->m_is_instrumented)
         return;
     edge->m_is_instrumented = 1;
-    leave_uncalculated_lists(edge);
+    leave_uncalculated_lists(edge, __func__);
 }
 
 extern "C" void quarl_inst_edge_set_as_computed(QuarlInstEdge *edge)
@@ -199,5 +202,5 @@ extern "C" void quarl_inst_edge_set_as_computed(QuarlInstEdge *edge)
     }
     QUARL_CHECK(!edge->m_is_instrumented, "!((edge)->m_is_instrumented)");
     edge->m_is_computed = 1;
-    leave_uncalculated_lists(edge);
+    leave_uncalculated_lists(edge, __func__);
 }

@@ -91,7 +91,8 @@ bool all_nodes_resolved(const uint8_t *remaining_nodes, uint32_t num_nodes, bool
     for (uint32_t i = 0; i < num_nodes; ++i) {
         if (untrusted && remaining_nodes[i] != 0)
             return false;
-        QUARL_CHECK(remaining_nodes[i] == 0, "remaining_nodes[i] == 0");
+        QUARL_CHECK_FOR("quarl_inst_graph_compute_formulas", remaining_nodes[i] == 0,
+                        "remaining_nodes[i] == 0");
     }
     return true;
 }
@@ -124,8 +125,8 @@ bool evaluate_formula(QuarlInstEdge *edge, uint64_t *value)
 {
     const QuarlInstBitset *additive = edge->m_additive;
     const QuarlInstBitset *subtractive = edge->m_subtractive;
-    QUARL_CHECK(additive != nullptr && subtractive != nullptr,
-                "additive != ((void *)0) && subtractive != ((void *)0)");
+    QUARL_CHECK_FOR("quarl_inst_edge_execute_formula", additive != nullptr && subtractive != nullptr,
+                    "additive != ((void *)0) && subtractive != ((void *)0)");
     uint32_t *positions =
         static_cast<uint32_t *>(quarl_mem_alloc_zeroed(additive->m_size, sizeof(uint32_t)));
     if (positions == nullptr) {
@@ -235,8 +236,9 @@ extern "C" bool quarl_inst_graph_propagate_counts(QuarlInstGraph *graph)
             continue;
         uint32_t src_node_idx = edge->m_src->m_seg_block_idx;
         uint32_t dest_node_idx = edge->m_dest->m_seg_block_idx;
-        QUARL_CHECK(src_node_idx < num && dest_node_idx < num,
-                    "src_node_idx < num && dest_node_idx < num");
+        QUARL_CHECK_FOR("quarl_inst_graph_propagate_exec_counts",
+                        src_node_idx < num && dest_node_idx < num,
+                        "src_node_idx < num && dest_node_idx < num");
         uint64_t count = edge->m_exec_count;
         if (!edge->m_is_instrumented && edge->m_is_reachable)
             complete = evaluate_formula(edge, &count) && complete;

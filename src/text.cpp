@@ -18,17 +18,22 @@ const uint32_t formula_text_step = 256;
 
 char flag_char(unsigned int flag) { return flag ? 'T' : 'F'; }
 
-// Names the edge from its two labels as "%s.%s", as every diagnostic does.
+// Names the edge by its two labels joined by a dot, as every diagnostic does.
 void compose_edge_name(const QuarlInstEdge *edge, char *buf /* 256 bytes */)
 {
     char src_label[QUARL_NAME_BUF_LEN];
     char dest_label[QUARL_NAME_BUF_LEN];
     quarl_inst_node_get_label(edge->m_src, src_label, QUARL_NAME_BUF_LEN);
     quarl_inst_node_get_label(edge->m_dest, dest_label, QUARL_NAME_BUF_LEN);
-    if (strlen(src_label) + strlen(dest_label) + 2 <= QUARL_NAME_BUF_LEN)
-        sprintf(buf, "%s.%s", src_label, dest_label);
-    else
+    size_t src_length = strlen(src_label);
+    size_t dest_length = strlen(dest_label);
+    if (src_length + dest_length + 2 > QUARL_NAME_BUF_LEN) {
         strcpy(buf, buffer_too_small);
+        return;
+    }
+    memcpy(buf, src_label, src_length);
+    buf[src_length] = '.';
+    memcpy(buf + src_length + 1, dest_label, dest_length + 1);
 }
 
 // Bits from the highest chunk down, bit 31 to bit 0 in each: the string
@@ -182,6 +187,7 @@ extern "C" void quarl_inst_trace_mask_set(uint32_t mask) { quarl_inst_trace_mask
 extern "C" char *quarl_inst_node_get_label(const QuarlInstNode *node, char *buf,
                                           uint32_t buf_len)
 {
+    QUARL_CHECK(buf_len > strlen(buffer_too_small), "buf_len > strlen(\"buffer too small\")");
     char label[QUARL_NAME_BUF_LEN];
     if (node->m_is_pseudo_entry)
         strcpy(label, "AEntry");
@@ -189,12 +195,7 @@ extern "C" char *quarl_inst_node_get_label(const QuarlInstNode *node, char *buf,
         strcpy(label, "ZExit");
     else
         sprintf(label, "B%04u", node->m_seg_block_idx);
-    if (buf_len > strlen(label)) {
-        strcpy(buf, label);
-    } else {
-        QUARL_CHECK(buf_len > strlen(buffer_too_small), "buf_len > strlen(\"buffer too small\")");
-        strcpy(buf, buffer_too_small);
-    }
+    strcpy(buf, label); // at most 11 characters: it always fits in 17 bytes
     return buf;
 }
 

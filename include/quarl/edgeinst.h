@@ -229,7 +229,9 @@ QUARL_API void quarl_inst_node_src_position_set(QuarlInstNode *node,
 /* Picks the fewest, cheapest counters: the reachable edges off a maximum
  * spanning forest of the reachable part, built by taking pseudo and
  * immeasurable edges first (they cannot carry a useful counter), then edges
- * by descending m_cost, ties in m_edge_vec order. Every chosen edge is
+ * by descending m_cost, then edges the caller already instrumented (so that
+ * they end off the tree where they can and no counter is added in vain);
+ * ties in m_edge_vec order. Every chosen edge is
  * marked instrumented; all instrumented reachable edges (those the caller
  * marked before included) get m_counter_idx 0, 1, 2, ... in m_edge_vec
  * order; m_num_counters is set to their number, which is returned.
