@@ -100,6 +100,11 @@ bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node, QuarlInstList 
                                              QuarlInstList *deferred_queue,
                                              QuarlInstBitset *immeasurable_mask, bool force,
                                              uint8_t *remaining_nodes);
+/* Settles unreachable edges as computed (they count 0) and gives every
+ * other edge without a counter two empty formula bitsets of
+ * m_formula_mask_bits bits; false when a bitset cannot be made (bitsets
+ * made so far stay with their edges). */
+bool quarl_inst_graph_set_up_edge_formulas(QuarlInstGraph *graph);
 bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph, QuarlInstList *ready_queue,
                                            uint8_t *remaining_nodes);
 

@@ -92,26 +92,6 @@ bool assign_formula_positions(QuarlInstGraph *graph)
     return true;
 }
 
-// Unreachable edges count 0 and are settled at once; every other edge
-// without a counter gets an empty formula to fill.
-bool set_up_edges(QuarlInstGraph *graph)
-{
-    for (uint32_t i = 0; i < graph->m_num_edges; ++i) {
-        QuarlInstEdge *edge = graph->m_edge_vec[i];
-        if (!edge->m_is_reachable) {
-            quarl_inst_edge_set_as_computed(edge);
-        } else if (!edge->m_is_instrumented) {
-            edge->m_additive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
-            if (edge->m_additive == nullptr)
-                return false;
-            edge->m_subtractive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
-            if (edge->m_subtractive == nullptr)
-                return false;
-        }
-    }
-    return true;
-}
-
 bool build_immeasurable_mask(PlacementState *state, const QuarlInstGraph *graph)
 {
     state->immeasurable_mask = quarl_inst_bitset_create(graph->m_formula_mask_bits);
@@ -335,6 +315,24 @@ extern "C" bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node,
     return true;
 }
 
+extern "C" bool quarl_inst_graph_set_up_edge_formulas(QuarlInstGraph *graph)
+{
+    for (uint32_t i = 0; i < graph->m_num_edges; ++i) {
+        QuarlInstEdge *edge = graph->m_edge_vec[i];
+        if (!edge->m_is_reachable) {
+            quarl_inst_edge_set_as_computed(edge);
+        } else if (!edge->m_is_instrumented) {
+            edge->m_additive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
+            if (edge->m_additive == nullptr)
+                return false;
+            edge->m_subtractive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
+            if (edge->m_subtractive == nullptr)
+                return false;
+        }
+    }
+    return true;
+}
+
 extern "C" bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph,
                                                      QuarlInstList *ready_queue,
                                                      uint8_t *remaining_nodes)
@@ -356,7 +354,7 @@ extern "C" int quarl_inst_graph_adjust_instrumentation(QuarlInstGraph *graph)
     PlacementState state = {nullptr, nullptr, nullptr, nullptr};
     int result = 0;
     if (create_scratch(&state, graph) && assign_formula_positions(graph) &&
-        set_up_edges(graph) &&
+        quarl_inst_graph_set_up_edge_formulas(graph) &&
         quarl_inst_graph_populate_ready_queue(graph, state.ready_queue, state.remaining_nodes) &&
         build_immeasurable_mask(&state, graph) && run_round_one(&state)) {
         run_round_two(&state);

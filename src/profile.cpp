@@ -48,26 +48,6 @@ bool assign_counter_positions(QuarlInstGraph *graph)
     return true;
 }
 
-bool set_up_rebuilt_edges(QuarlInstGraph *graph)
-{
-    for (uint32_t i = 0; i < graph->m_num_edges; ++i) {
-        QuarlInstEdge *edge = graph->m_edge_vec[i];
-        if (edge == nullptr)
-            continue;
-        if (!edge->m_is_reachable) {
-            quarl_inst_edge_set_as_computed(edge);
-        } else if (!edge->m_is_instrumented) {
-            edge->m_additive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
-            if (edge->m_additive == nullptr)
-                return false;
-            edge->m_subtractive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
-            if (edge->m_subtractive == nullptr)
-                return false;
-        }
-    }
-    return true;
-}
-
 // Without a mask every derived formula is accepted, so each node that
 // becomes ready resolves its last edge.
 bool resolve_ready_nodes(RebuildState *state)
@@ -180,7 +160,7 @@ extern "C" int32_t quarl_inst_graph_rebuild_formulas(QuarlInstGraph *graph, bool
         state.remaining_nodes =
             static_cast<uint8_t *>(quarl_mem_alloc_zeroed(graph->m_num_nodes, sizeof(uint8_t)));
     if (state.remaining_nodes != nullptr && !(untrusted && has_unreachable_counter(graph)) &&
-        assign_counter_positions(graph) && set_up_rebuilt_edges(graph) &&
+        assign_counter_positions(graph) && quarl_inst_graph_set_up_edge_formulas(graph) &&
         quarl_inst_graph_populate_ready_queue(graph, state.ready_queue, state.remaining_nodes) &&
         resolve_ready_nodes(&state) &&
         all_nodes_resolved(state.remaining_nodes, graph->m_num_nodes, untrusted))
