@@ -4,6 +4,7 @@
 #include <cstdio>
 #include <cstring>
 #include <numeric>
+#include <sstream>
 
 namespace quarl_test {
 
@@ -42,6 +43,59 @@ std::vector<uint32_t> positions_of(const QuarlInstBitset *bitset)
         if (quarl_inst_bitset_get_bit(bitset, pos))
             positions.push_back(pos);
     return positions;
+}
+
+std::vector<EdgeSpec> edges_of(const std::string &text)
+{
+    std::vector<EdgeSpec> edges;
+    std::istringstream in(text);
+    for (std::string t; in >> t;) {
+        EdgeSpec edge{0, 0};
+        sscanf(t.c_str(), "%u>%u", &edge.src, &edge.dest);
+        edge.instrumented = t.find('i') != std::string::npos;
+        edge.pseudo = t.find('p') != std::string::npos;
+        edge.immeasurable = t.find('m') != std::string::npos;
+        edge.reachable = t.find('u') == std::string::npos;
+        if (t.find(':') != std::string::npos)
+            edge.cost = std::stoll(t.substr(t.find(':') + 1));
+        if (t.find('#') != std::string::npos)
+            edge.counter = uint32_t(std::stoul(t.substr(t.find('#') + 1)));
+        edges.push_back(edge);
+    }
+    return edges;
+}
+
+QuarlInstBitset *bitset_with(const std::vector<uint32_t> &positions, uint32_t bits)
+{
+    QuarlInstBitset *bitset = quarl_inst_bitset_create(bits);
+    for (uint32_t p : positions)
+        quarl_inst_bitset_set_bit(bitset, p);
+    return bitset;
+}
+
+std::string formula_text(const QuarlInstEdge *edge)
+{
+    if (edge->m_additive == nullptr || edge->m_subtractive == nullptr)
+        return "";
+    std::string text = "(";
+    for (uint32_t pos : positions_of(edge->m_additive))
+        text += "+" + std::to_string(pos);
+    for (uint32_t pos : positions_of(edge->m_subtractive))
+        text += "-" + std::to_string(pos);
+    return text + ")";
+}
+
+std::vector<const void *> list_items(const QuarlInstList *list)
+{
+    std::vector<const void *> items;
+    const QuarlInstListElement *prev = nullptr;
+    for (const QuarlInstListElement *e = list->m_head; e != nullptr; prev = e, e = e->m_next) {
+        EXPECT_EQ(e->m_prev, prev);
+        items.push_back(e->m_data);
+    }
+    EXPECT_EQ(list->m_tail, prev);
+    EXPECT_EQ(list->m_count, items.size());
+    return items;
 }
 
 std::vector<uint32_t> stored_words(const QuarlEncodedGraph *encoded)
@@ -199,6 +253,21 @@ GraphPtr build_routine_graph(const Routine &routine)
     GraphPtr graph = build_graph(routine.num_nodes, routine.edges);
     graph->m_num_counters = routine.num_counters;
     return graph;
+}
+
+Routine without_counters(Routine routine)
+{
+    for (EdgeSpec &edge : routine.edges)
+        edge.instrumented = false;
+    return routine;
+}
+
+bool placed_unforced(const GraphPtr &graph)
+{
+    bool placed = quarl_inst_graph_adjust_instrumentation(graph.get()) == 1;
+    for (uint32_t i = 0; i < graph->m_num_edges; ++i)
+        placed = placed && !edge_at(graph, i)->m_is_forced_instrumented;
+    return placed;
 }
 
 } // namespace quarl_test

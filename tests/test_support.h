@@ -61,6 +61,11 @@ struct EdgeSpec {
 GraphPtr build_graph(uint32_t num_nodes, const std::vector<EdgeSpec> &edges,
                      const std::vector<uint32_t> &unreachable_nodes = {});
 
+// Edges from text: "0>1 2>0im 1>2:-5 0>2i#3" is source>destination, then
+// flags (i instrumented, p pseudo, m immeasurable, u unreachable), ":cost"
+// and "#counter".
+std::vector<EdgeSpec> edges_of(const std::string &text);
+
 // The edge at index i of the graph's edge vector.
 inline QuarlInstEdge *edge_at(const GraphPtr &graph, uint32_t i) { return graph->m_edge_vec[i]; }
 inline QuarlInstNode *node_at(const GraphPtr &graph, uint32_t i)
@@ -70,6 +75,16 @@ inline QuarlInstNode *node_at(const GraphPtr &graph, uint32_t i)
 
 // The positions set in a bitset, ascending.
 std::vector<uint32_t> positions_of(const QuarlInstBitset *bitset);
+
+// A bitset of the given size with the given positions set.
+QuarlInstBitset *bitset_with(const std::vector<uint32_t> &positions, uint32_t bits);
+
+// An edge's formula by position, "(+0+3-1)"; "" without formula bitsets.
+std::string formula_text(const QuarlInstEdge *edge);
+
+// The items of a list head to tail; checks that the backward links, the tail
+// and the count agree with them.
+std::vector<const void *> list_items(const QuarlInstList *list);
 
 // The stored words of an encoded graph (quarl_encoded_graph_length of them).
 std::vector<uint32_t> stored_words(const QuarlEncodedGraph *encoded);
@@ -129,5 +144,11 @@ Routine generate_routine(std::mt19937_64 &rng, uint32_t num_nodes, uint32_t extr
 
 // Builds the routine's graph with its counters marked.
 GraphPtr build_routine_graph(const Routine &routine);
+
+// The routine with no counter marked.
+Routine without_counters(Routine routine);
+
+// Whether the placement pass succeeds on the graph without forcing a counter.
+bool placed_unforced(const GraphPtr &graph);
 
 } // namespace quarl_test

@@ -1,5 +1,5 @@
-// Text output: labels, edge names, the trace mask, dumps, formula strings and
-// the Graphviz export.
+// Text output: labels, edge names, the trace mask with the build traces,
+// dumps, formula strings and the Graphviz export.
 #include "test_support.h"
 
 #include <algorithm>
@@ -17,12 +17,8 @@ void give_formula(QuarlInstEdge *edge, const std::vector<QuarlInstEdge *> &edges
     graph->m_formula_mask_bits = static_cast<uint32_t>(edges.size());
     graph->m_formula_edge_vec = static_cast<QuarlInstEdge **>(quarl_mem_alloc(edges.size() * sizeof(QuarlInstEdge *)));
     std::copy(edges.begin(), edges.end(), graph->m_formula_edge_vec);
-    edge->m_additive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
-    edge->m_subtractive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
-    for (uint32_t p : add)
-        quarl_inst_bitset_set_bit(edge->m_additive, p);
-    for (uint32_t p : sub)
-        quarl_inst_bitset_set_bit(edge->m_subtractive, p);
+    edge->m_additive = bitset_with(add, graph->m_formula_mask_bits);
+    edge->m_subtractive = bitset_with(sub, graph->m_formula_mask_bits);
 }
 
 TEST(Text, LabelsAndEdgeNames)
@@ -40,7 +36,7 @@ TEST(Text, LabelsAndEdgeNames)
         EXPECT_DEATH(quarl_inst_node_get_label(&node, buf, 16),
                      "quarl_inst_node_get_label: Assertion `buf_len > strlen\\(\"buffer too small\"\\)' failed");
     }
-    GraphPtr graph = build_graph(10, {{0, 3}, {9, 9}, {1, 5}});
+    GraphPtr graph = build_graph(10, edges_of("0>3 9>9 1>5"));
     node_at(graph, 0)->m_is_pseudo_entry = 1;
     node_at(graph, 5)->m_is_pseudo_exit = 1;
     const char *names[] = {"AEntry.B0003", "B0009.B0009", "B0001.ZExit"};
@@ -50,16 +46,25 @@ TEST(Text, LabelsAndEdgeNames)
     }
 }
 
-// Bit value 1: building; 2: resolving; 4: encoding. Setting replaces the mask.
+// Bit value 1: building (an edge and a self-loop); 2: resolving; 4: encoding.
+// Setting replaces the mask.
 TEST(Text, TraceMaskSelectsTraceSitesByBit)
 {
     for (uint32_t mask : {0u, 6u, 1u, 2u, 4u, 8u, 7u}) {
         GraphPtr graph = build_graph(2, {{0, 1}});
         TraceMaskScope scope(mask);
-        std::string build = capture_stderr([&] { quarl_inst_graph_add_node(graph.get(), 2); });
+        void *edges[2];
+        std::string build = capture_stderr([&] {
+            QuarlInstNode *node = quarl_inst_graph_add_node(graph.get(), 2);
+            edges[0] = quarl_inst_graph_add_edge(graph.get(), node_at(graph, 1), node);
+            edges[1] = quarl_inst_graph_add_edge(graph.get(), node, node);
+        });
         std::string resolve = capture_stderr([&] { quarl_inst_edge_set_as_computed(edge_at(graph, 0)); });
         std::string encode = capture_stderr([&] { EncodedGraphPtr encoded(quarl_inst_graph_encode(graph.get())); });
-        EXPECT_EQ(build, mask & 1 ? "Added node 2\n" : "") << mask;
+        char want[300];
+        snprintf(want, sizeof want, "Added node 2\nAdding edge %p to node 1\nAdding edge %p to node 2\nAdded edge: B0001.B0002\n"
+                 "Adding edge %p to node 2\nAdded edge: B0002.B0002\n", edges[0], edges[0], edges[1]);
+        EXPECT_EQ(build, mask & 1 ? want : "") << mask;
         EXPECT_EQ(resolve, mask & 2 ? "Setting edge [ B0000.B0001 ] as computed\n" : "") << mask;
         EXPECT_EQ(encode.find("Starting encoding in format: ") == 0, (mask & 4) != 0) << mask;
     }
@@ -67,14 +72,15 @@ TEST(Text, TraceMaskSelectsTraceSitesByBit)
 
 TEST(Text, NodeAndEdgeDumps)
 {
-    GraphPtr graph = build_graph(13, {{12, 3, false, 4, true, true, false, -3}, {3, 12, true, 9}, {12, 12}});
+    GraphPtr graph = build_graph(13, edges_of("12>3p#4:-3 3>12i#9 12>12"));
     QuarlInstNode *node = node_at(graph, 12);
     node->m_exec_count = 77;
     node->m_is_entry = 1;
     node->m_is_pseudo_exit = 1;
-    std::string text = capture_file_output([&](FILE *out) { quarl_inst_node_print(node, out); });
+    auto print = [&] { return capture_file_output([&](FILE *out) { quarl_inst_node_print(node, out); }); };
+    std::string text = print();
     quarl_inst_node_annotation_set(node, "loop head");
-    text += capture_file_output([&](FILE *out) { quarl_inst_node_print(node, out); });
+    text += print();
     const std::string lines[] = {"Node: label = ZExit\n  m_seg_block_idx = 12\n", " m_annotation = loop head\n",
                                  "  m_uncalculated_edges (count) = 2\n  m_exec_count     = 77\n  m_is_reachable   = T\n"
                                  "  m_is_pseudo_entry_get   = F\n  m_is_pseudo_exit   = T\n  m_is_entry   = T\n"};
@@ -107,11 +113,10 @@ TEST(Text, FormulaStrings)
             more.push_back(p);
         return more;
     };
-    const std::string term = "+B0001.B0002";
-    auto repeat = [](const std::string &text, size_t times) {
+    auto terms = [](size_t times) {
         std::string out;
         while (times-- > 0)
-            out += text;
+            out += "+B0001.B0002";
         return out;
     };
     struct Case { bool instrumented, bitsets; std::vector<uint32_t> add, sub; uint32_t buf_len; std::string want; };
@@ -121,13 +126,13 @@ TEST(Text, FormulaStrings)
         {false, true, {}, {}, 256, ""},
         {false, false, {}, {}, 256, ""},
         {true, true, {0}, {}, 21, "edge is instrumented"},
-        {false, true, from3(23, {}), {}, 256, repeat(term, 21)},
-        {false, true, from3(22, {47}), {}, 256, repeat(term, 20) + "+B12345.B000..."},
-        {false, true, from3(46, {}), {0}, 256, repeat(term, 21) + "..."}, // the working text grows
+        {false, true, from3(23, {}), {}, 256, terms(21)},
+        {false, true, from3(22, {47}), {}, 256, terms(20) + "+B12345.B000..."},
+        {false, true, from3(46, {}), {0}, 256, terms(21) + "..."}, // the working text grows
         {false, true, {0, 2}, {1}, 21, "+B0001.B0002+B000..."},
     };
     for (const Case &c : cases) {
-        GraphPtr graph = build_graph(5, {{1, 2}, {2, 3}, {3, 4}, {0, 1}});
+        GraphPtr graph = build_graph(5, edges_of("1>2 2>3 3>4 0>1"));
         QuarlInstNode *far = quarl_inst_graph_add_node(graph.get(), 12345);
         std::vector<QuarlInstEdge *> positions(48, edge_at(graph, 0));
         positions[1] = edge_at(graph, 1);
@@ -153,23 +158,21 @@ TEST(Text, FormulaStrings)
             quarl_fault_fail_nth(2); // the working text cannot grow: what was built
             quarl_inst_edge_formula_string_get(edge, buf, c.buf_len);
             quarl_fault_fail_nth(0);
-            EXPECT_EQ(std::string(buf), repeat(term, 21));
+            EXPECT_EQ(std::string(buf), terms(21));
         }
     }
 }
 
 int g_dot_result;
 
-std::string dot_of(const QuarlInstGraph *graph, uint32_t node_options, uint32_t edge_options)
+// The Graphviz text, or with a prefix only its lines that start with it.
+std::string dot_of(const QuarlInstGraph *graph, uint32_t node_options, uint32_t edge_options, const std::string &prefix = "")
 {
-    return capture_file_output([&](FILE *out) {
+    std::string text = capture_file_output([&](FILE *out) {
         g_dot_result = quarl_inst_graph_print_dot_graph(graph, out, "g", node_options, edge_options);
     });
-}
-
-// The lines of text that start with prefix.
-std::string lines_with(const std::string &text, const std::string &prefix)
-{
+    if (prefix.empty())
+        return text;
     std::string out;
     for (size_t at = 0, end; at < text.size(); at = end + 1) {
         end = text.find('\n', at);
@@ -185,7 +188,7 @@ TEST(TextDot, OrdersByBlockIndexAndSurvivesAMissingEdgeArray)
     GraphPtr graph = build_graph(0, {});
     EXPECT_EQ(dot_of(graph.get(), 15, 31), header + "}\n\n");
     EXPECT_EQ(g_dot_result, 0);
-    graph = build_graph(5, {{3, 1, false, 7}, {1, 2}, {1, 0}, {1, 2, false, 5}, {4, 0, false, 0, false}}, {2});
+    graph = build_graph(5, edges_of("3>1#7 1>2 1>0 1>2#5 4>0u"), {2});
     std::string nodes = header;
     for (const char *n : {"0", "1", "3", "4"})
         nodes += std::string("\t\"B000") + n + "\" [ label=\"B000" + n + " (node_id=" + n + " })\" ];\n";
@@ -230,9 +233,8 @@ TEST(TextDot, NodeOptions)
         node->m_exec_count = 99;
         if (c.annotation != nullptr)
             quarl_inst_node_annotation_set(node, c.annotation);
-        std::string label = c.entry ? "AEntry" : "B0004";
-        std::string want = c.want ? "\t\"" + label + "\" [ label=\"" + c.want : "";
-        EXPECT_EQ(lines_with(dot_of(graph.get(), c.options, 0), "\t\""), want) << c.options;
+        std::string want = c.want ? std::string("\t\"") + (c.entry ? "AEntry" : "B0004") + "\" [ label=\"" + c.want : "";
+        EXPECT_EQ(dot_of(graph.get(), c.options, 0, "\t\""), want) << c.options;
     }
 }
 
@@ -254,7 +256,7 @@ TEST(TextDot, EdgeOptions)
         {31, "Fi", "counter_idx=3 exec_cnt=1234  attrib{Fi}  cost=-5\\n(+AEntry.B0001-B0001.AEntry)\" color = \"lightskyblue3\" ];\n"},
     };
     for (const Case &c : cases) {
-        GraphPtr graph = build_graph(2, {{0, 1, false, 3, true, false, false, -5}, {1, 0, false, 0, false}});
+        GraphPtr graph = build_graph(2, edges_of("0>1#3:-5 1>0u"));
         node_at(graph, 0)->m_is_pseudo_entry = 1;
         QuarlInstEdge *edge = edge_at(graph, 0);
         give_formula(edge, {edge, edge_at(graph, 1)}, {0}, {1});
@@ -266,7 +268,7 @@ TEST(TextDot, EdgeOptions)
         edge->m_is_pseudo = has("Ps");
         edge->m_is_reachable = !has("Un");
         std::string want = c.want ? std::string("\t\tAEntry -> B0001 [ label= \"") + c.want : "";
-        EXPECT_EQ(lines_with(dot_of(graph.get(), 0, c.options), "\t\tAEntry -> "), want) << c.options << c.flags;
+        EXPECT_EQ(dot_of(graph.get(), 0, c.options, "\t\tAEntry -> "), want) << c.options << c.flags;
     }
 }
 
