@@ -121,6 +121,8 @@ TEST(PlacementPass, WorkedCases)
         {"diamond without counters", 4, "0>1 0>2 1>3 2>3", {}, 0, "U() U() U() U()"},
         {"round 2 stops at a node with two unsettled edges", 5, "0>1 1>2 1>2 3>4", {}, 0, "U() U() U() U()"},
         {"unreachable edge and node do not block", 3, "0>1p 1>2u", {2}, 1, "C() C"},
+        // Queued, node 0 would resolve 0>1 from its side first, as +0.
+        {"unreachable node never queued", 4, "3>0i 0>1 1>2i", {0}, 1, "I C(+2) I"},
         {"formula on an immeasurable counter only: forced", 3, "0>1im 1>2", {}, 0, "I F()"},
         {"formula on a measurable counter", 3, "0>1i 1>2", {}, 1, "I C(+0)"},
         {"formula on a measurable and an immeasurable counter", 4, "0>1i 1>2 3>1im", {}, 1, "I C(+0+2) I"},
