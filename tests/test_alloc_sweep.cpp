@@ -1,0 +1,188 @@
+// Allocation failures across the two whole pipelines: instrumenting a
+// routine (graph built, counters placed, graph encoded) and using its
+// profile (the entry point). Every allocation of a run fails in turn; the
+// stage that meets it must give its documented result, nothing may stay
+// allocated, and every uncalculated list must still match the edge flags.
+#include "test_support.h"
+
+using namespace quarl_test;
+
+namespace {
+
+const uint64_t untouched = 0xa110cfa11a110cfaULL;
+
+// Each node's uncalculated list holds exactly its incident edges that are
+// neither instrumented nor computed.
+bool lists_match_flags(const QuarlInstGraph *graph)
+{
+    uint32_t unsettled = 0, listed = 0;
+    for (uint32_t i = 0; i < graph->m_num_edges; ++i) {
+        const QuarlInstEdge *edge = graph->m_edge_vec[i];
+        if (!edge->m_is_instrumented && !edge->m_is_computed)
+            unsettled += edge->m_src == edge->m_dest ? 1 : 2;
+    }
+    for (uint32_t n = 0; n < graph->m_num_nodes; ++n) {
+        const QuarlInstList *list = graph->m_node_vec[n]->m_uncalculated_edges;
+        uint32_t seen = 0;
+        for (auto *e = list->m_head; e != nullptr; e = e->m_next, ++seen) {
+            auto *edge = static_cast<const QuarlInstEdge *>(e->m_data);
+            if (edge->m_is_instrumented || edge->m_is_computed ||
+                (edge->m_src->m_seg_block_idx != n && edge->m_dest->m_seg_block_idx != n))
+                return false;
+        }
+        listed += seen;
+        if (seen != list->m_count)
+            return false;
+    }
+    return listed == unsettled;
+}
+
+struct Outcome {
+    int placed = -1;
+    std::vector<uint32_t> words;
+    int32_t used = -1;
+    std::vector<uint64_t> blocks;
+};
+
+// Builds the graph and places its counters; null once a step has met the
+// failure (a refused node or edge leaves the graph as it was).
+GraphPtr instrument(const Routine &routine, Outcome &out)
+{
+    GraphPtr graph(quarl_inst_graph_create());
+    for (uint32_t i = 0; graph != nullptr && i < routine.num_nodes; ++i) {
+        QuarlInstNode *node = quarl_inst_graph_add_node(graph.get(), i);
+        if (node == nullptr) {
+            EXPECT_TRUE(graph->m_num_nodes == i && node_at(graph, i) == nullptr);
+            return nullptr;
+        }
+        node->m_is_reachable = 1;
+    }
+    for (size_t e = 0; graph != nullptr && e < routine.edges.size(); ++e) {
+        const EdgeSpec &spec = routine.edges[e];
+        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph.get(), node_at(graph, spec.src),
+                                                        node_at(graph, spec.dest));
+        if (edge == nullptr) {
+            EXPECT_TRUE(graph->m_num_edges == e && lists_match_flags(graph.get()));
+            return nullptr;
+        }
+        edge->m_is_reachable = spec.reachable;
+        edge->m_is_pseudo = spec.pseudo;
+        edge->m_is_immeasurable = spec.immeasurable;
+        edge->m_counter_idx = spec.counter;
+        if (spec.instrumented)
+            quarl_inst_edge_set_as_instrumented(edge);
+    }
+    if (graph == nullptr)
+        return nullptr;
+    graph->m_num_counters = routine.num_counters;
+    out.placed = quarl_inst_graph_adjust_instrumentation(graph.get());
+    EXPECT_TRUE(lists_match_flags(graph.get()));
+    EXPECT_TRUE(out.placed == 0 || !allocation_failure_delivered());
+    return allocation_failure_delivered() ? nullptr : std::move(graph);
+}
+
+struct Scenario {
+    const char *name;
+    Routine routine;
+    enum { whole, store_and_use, damaged } sweep;
+    std::vector<uint32_t> words; // damaged: the stored words given to the entry point
+    uint32_t num_counters;       // damaged: the length of the counter array
+};
+
+// One run after arm(): instrumentation (unless the graph is given), then
+// the entry point on the stored words (or a damaged scenario's words).
+Outcome run(const Scenario &s, const QuarlInstGraph *placed, const std::function<void()> &arm)
+{
+    Outcome out;
+    arm();
+    bool damaged = s.sweep == Scenario::damaged;
+    GraphPtr graph = placed != nullptr || damaged ? nullptr : instrument(s.routine, out);
+    if (!damaged) {
+        const QuarlInstGraph *to_store = placed != nullptr ? placed : graph.get();
+        EncodedGraphPtr encoded(to_store != nullptr ? quarl_inst_graph_encode(to_store) : nullptr);
+        if (encoded == nullptr)
+            return out;
+        out.words = stored_words(encoded.get());
+    }
+    const std::vector<uint32_t> &words = damaged ? s.words : out.words;
+    std::vector<uint64_t> counters = s.routine.counter_values();
+    out.blocks.assign(s.routine.num_nodes, untouched);
+    out.used = quarl_compute_blocks_from_edges(
+        words.data(), static_cast<uint32_t>(words.size()), counters.data(),
+        damaged ? s.num_counters : s.routine.num_counters, out.blocks.data(), s.routine.num_nodes);
+    return out;
+}
+
+// A run with a failure ends at the stage that met it: null or 0, and the
+// entry point leaves block_counts untouched. Without one, the run is the
+// reference run. Nothing beyond what was live before stays allocated.
+void check_run(const Scenario &s, const QuarlInstGraph *placed, const std::function<void()> &arm,
+               const Outcome &reference, int64_t live)
+{
+    Outcome out = run(s, placed, arm);
+    EXPECT_EQ(quarl_fault_live_blocks(), live);
+    if (!allocation_failure_delivered()) {
+        EXPECT_TRUE(out.placed == reference.placed && out.words == reference.words);
+        EXPECT_TRUE(out.used == reference.used && out.blocks == reference.blocks);
+    } else if (out.used != -1) {
+        EXPECT_EQ(out.used, 0);
+        EXPECT_EQ(out.blocks, std::vector<uint64_t>(s.routine.num_nodes, untouched));
+    }
+}
+
+} // namespace
+
+TEST(AllocSweep, PipelinesSurviveEveryAllocationFailure)
+{
+    std::mt19937_64 rng(1234);
+    Routine forced; // 0 -> 1 is derived only from an immeasurable counter: forced
+    forced.num_nodes = 3;
+    forced.edges = {{0, 1}, {1, 2, true, 0, true, false, true}, {2, 0, false, 0, true, true}};
+    forced.num_counters = 1;
+    forced.edge_counts = {5, 5, 5};
+    Routine small = generate_routine(rng, 7, 6);
+    Scenario whole_small = {"", small, Scenario::whole, {}, 0};
+    std::vector<uint32_t> good = run(whole_small, nullptr, [] { quarl_fault_fail_nth(0); }).words;
+    std::vector<uint32_t> uncounted = good; // every counter flag cleared
+    for (size_t w = 1; w < good.size(); ++w)
+        uncounted[w] &= ~(0x10u << 10 | 0x10u << 26);
+    const Scenario cases[] = {
+        {"encode16", generate_routine(rng, 6, 6), Scenario::whole, {}, 0},
+        {"encode32", generate_routine(rng, 40, 12), Scenario::whole, {}, 0},
+        {"forced_counter", forced, Scenario::whole, {}, 0},
+        {"encode96", generate_routine(rng, 8200, 0), Scenario::store_and_use, {}, 0},
+        {"record_cut_short", small, Scenario::damaged, {c_encode_from_to, 0, 1, 3, 0, 1, 2}, 1},
+        {"no_counter_flags", small, Scenario::damaged, uncounted, small.num_counters},
+        {"counter_beyond_array", small, Scenario::damaged, good, small.num_counters - 1},
+    };
+    for (const Scenario &s : cases) {
+        SCOPED_TRACE(s.name);
+        Outcome unused;
+        GraphPtr placed =
+            s.sweep == Scenario::store_and_use ? instrument(s.routine, unused) : nullptr;
+        int64_t live = quarl_fault_live_blocks();
+        Outcome reference = run(s, placed.get(), [] { quarl_fault_fail_nth(0); });
+        uint64_t allocations = quarl_fault_attempts();
+        EXPECT_EQ(reference.used, s.sweep == Scenario::damaged ? 0 : 1);
+        if (reference.placed == 1) {
+            EXPECT_EQ(reference.blocks, s.routine.block_counts);
+        }
+        uint64_t covered = 0;
+        if (s.sweep != Scenario::store_and_use) {
+            covered = sweep_allocation_failures(
+                [&] { check_run(s, nullptr, arm_allocation_failure, reference, live); });
+            EXPECT_EQ(covered, allocations);
+        } else {
+            // A full sweep would be quadratic in the routine's size: encoding
+            // and the start of decoding in full, the last 64, every 499th between.
+            for (uint64_t k = 1; k <= allocations; ++k) {
+                if (k > 1000 && k + 64 < allocations && k % 499 != 0)
+                    continue;
+                check_run(s, placed.get(), [k] { quarl_fault_fail_nth(k); }, reference, live);
+                covered += allocation_failure_delivered();
+            }
+            quarl_fault_fail_nth(0);
+        }
+        RecordProperty(std::string(s.name) + "_k_values", static_cast<int>(covered));
+    }
+}
