@@ -197,8 +197,9 @@ QUARL_API void quarl_inst_graph_delete(QuarlInstGraph *graph);
 
 /* Adds the node of block node_idx. Returns it, or null when memory runs out
  * or node_idx is QUARL_MAX_BLOCK_IDX_EXCLUSIVE or above; the graph is then
- * unchanged. Adding a block index twice is a broken precondition
- * (assertion). */
+ * unchanged. The node vector keeps a slot for every index up to the highest
+ * one added, so block indices should be dense. Adding a block index twice
+ * is a broken precondition (assertion). */
 QUARL_API QuarlInstNode *quarl_inst_graph_add_node(QuarlInstGraph *graph,
                                                    uint32_t node_idx);
 
