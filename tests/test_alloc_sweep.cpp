@@ -11,32 +11,6 @@ namespace {
 
 const uint64_t untouched = 0xa110cfa11a110cfaULL;
 
-// Each node's uncalculated list holds exactly its incident edges that are
-// neither instrumented nor computed.
-bool lists_match_flags(const QuarlInstGraph *graph)
-{
-    uint32_t unsettled = 0, listed = 0;
-    for (uint32_t i = 0; i < graph->m_num_edges; ++i) {
-        const QuarlInstEdge *edge = graph->m_edge_vec[i];
-        if (!edge->m_is_instrumented && !edge->m_is_computed)
-            unsettled += edge->m_src == edge->m_dest ? 1 : 2;
-    }
-    for (uint32_t n = 0; n < graph->m_num_nodes; ++n) {
-        const QuarlInstList *list = graph->m_node_vec[n]->m_uncalculated_edges;
-        uint32_t seen = 0;
-        for (auto *e = list->m_head; e != nullptr; e = e->m_next, ++seen) {
-            auto *edge = static_cast<const QuarlInstEdge *>(e->m_data);
-            if (edge->m_is_instrumented || edge->m_is_computed ||
-                (edge->m_src->m_seg_block_idx != n && edge->m_dest->m_seg_block_idx != n))
-                return false;
-        }
-        listed += seen;
-        if (seen != list->m_count)
-            return false;
-    }
-    return listed == unsettled;
-}
-
 struct Outcome {
     int placed = -1;
     std::vector<uint32_t> words;
@@ -48,33 +22,11 @@ struct Outcome {
 // failure (a refused node or edge leaves the graph as it was).
 GraphPtr instrument(const Routine &routine, Outcome &out)
 {
-    GraphPtr graph(quarl_inst_graph_create());
-    for (uint32_t i = 0; graph != nullptr && i < routine.num_nodes; ++i) {
-        QuarlInstNode *node = quarl_inst_graph_add_node(graph.get(), i);
-        if (node == nullptr) {
-            EXPECT_TRUE(graph->m_num_nodes == i && node_at(graph, i) == nullptr);
-            return nullptr;
-        }
-        node->m_is_reachable = 1;
-    }
-    for (size_t e = 0; graph != nullptr && e < routine.edges.size(); ++e) {
-        const EdgeSpec &spec = routine.edges[e];
-        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph.get(), node_at(graph, spec.src),
-                                                        node_at(graph, spec.dest));
-        if (edge == nullptr) {
-            EXPECT_TRUE(graph->m_num_edges == e && lists_match_flags(graph.get()));
-            return nullptr;
-        }
-        edge->m_is_reachable = spec.reachable;
-        edge->m_is_pseudo = spec.pseudo;
-        edge->m_is_immeasurable = spec.immeasurable;
-        edge->m_counter_idx = spec.counter;
-        if (spec.instrumented)
-            quarl_inst_edge_set_as_instrumented(edge);
-    }
-    if (graph == nullptr)
+    GraphPtr graph = build_routine_graph(routine); // stops at a refused node or edge
+    if (graph == nullptr || allocation_failure_delivered()) {
+        EXPECT_TRUE(graph == nullptr || lists_match_flags(graph.get()));
         return nullptr;
-    graph->m_num_counters = routine.num_counters;
+    }
     out.placed = quarl_inst_graph_adjust_instrumentation(graph.get());
     EXPECT_TRUE(lists_match_flags(graph.get()));
     EXPECT_TRUE(out.placed == 0 || !allocation_failure_delivered());

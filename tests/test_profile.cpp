@@ -33,15 +33,11 @@ struct Outcome { int32_t result; std::vector<uint64_t> blocks; };
 
 // Runs the entry point on sentinel-filled slots (one spare to catch an
 // overrun) and checks what holds whatever the input: nothing leaks, and a
-// failure writes no slot. With arm set, the sweep's allocation failure is
-// armed just before the call.
-Outcome run_entry(const std::vector<uint32_t> &words, const std::vector<uint64_t> &counters, uint32_t num_blocks,
-                  bool arm = false)
+// failure writes no slot.
+Outcome run_entry(const std::vector<uint32_t> &words, const std::vector<uint64_t> &counters, uint32_t num_blocks)
 {
     std::vector<uint64_t> blocks(num_blocks + 1, sentinel);
     int64_t live = quarl_fault_live_blocks();
-    if (arm)
-        arm_allocation_failure();
     int32_t result = quarl_compute_blocks_from_edges(words.data(), static_cast<uint32_t>(words.size()), counters.data(),
                                                      static_cast<uint32_t>(counters.size()), blocks.data(), num_blocks);
     EXPECT_EQ(quarl_fault_live_blocks(), live);
@@ -58,7 +54,6 @@ Outcome run_entry(const std::vector<uint32_t> &words, const std::vector<uint64_t
 TEST(Profile, RebuildGivesDensePositionsAndFormulas)
 {
     const struct { const char *name; uint32_t num_nodes; const char *edges; std::vector<std::string> rebuilt; } cases[] = {
-        {"chain", 3, "0>1i 1>2", {"I0", "C(+0)"}},
         {"dense_positions", 11, "0>1 1>2 2>3i#2 3>4 4>5 5>6i#5 6>7 7>8 8>9 9>10i#9",
          {"C()", "C(+0)", "I0", "C(+0)", "C(+1)", "I1", "C(+1)", "C(+1)", "C(+2)", "I2"}},
         {"signs", 4, "0>1i 1>2i#1 1>3", {"I0", "I1", "C(+0-1)"}},
@@ -149,7 +144,6 @@ TEST(Profile, EntryPointCases)
         {"empty_buffer", {}, {}, 2, 0, {}},
         {"format_id_4", {4, chain[1], chain[2]}, {10}, 3, 0, {}},
         {"format_id_max", {0xffffffff, chain[1], chain[2]}, {10}, 3, 0, {}},
-        {"record_cut_short", {c_encode96, 0x18, 1}, {10}, 3, 0, {}},
         {"reachable_nodes_unresolved", encoded(2, "0>1 1>0"), {}, 2, 0, {}},
         {"unreachable_counter", encoded(3, "0>1iu 1>2"), {10}, 3, 0, {}},
     };
@@ -210,11 +204,7 @@ TEST(Profile, GeneratedRoutinesRoundTrip)
             ASSERT_EQ(quarl_inst_graph_select_counters(selected.get()), num_counters);
             ASSERT_EQ(selected->m_num_counters, num_counters);
             ASSERT_TRUE(placed_unforced(selected));
-            std::vector<uint64_t> counters(num_counters);
-            for (uint32_t i = 0; i < num_edges; ++i)
-                if (edge_at(selected, i)->m_is_instrumented)
-                    counters.at(edge_at(selected, i)->m_counter_idx) = routine.edge_counts[i];
-            out = run_entry(encode_words(selected), counters, num_nodes);
+            out = run_entry(encode_words(selected), routine.counter_values(selected.get()), num_nodes);
             ASSERT_EQ(out.result, 1);
             ASSERT_EQ(out.blocks, routine.block_counts);
         }
@@ -256,18 +246,4 @@ TEST(Profile, DamagedWordsNeverCrashOrLeak)
             run_entry(flipped, counters, n);
         }
     }
-}
-
-TEST(Profile, EntryPointSurvivesEveryAllocationFailure)
-{
-    std::mt19937_64 rng(7);
-    Routine routine = generate_routine(rng, 10, 8);
-    std::vector<uint32_t> words = encode_words(build_routine_graph(routine));
-    uint64_t covered = sweep_allocation_failures([&] {
-        Outcome out = run_entry(words, routine.counter_values(), routine.num_nodes, true);
-        bool failed = allocation_failure_delivered();
-        EXPECT_EQ(out.result, failed ? 0 : 1);
-        EXPECT_EQ(out.blocks, failed ? std::vector<uint64_t>(routine.num_nodes, sentinel) : routine.block_counts);
-    });
-    EXPECT_GT(covered, 20u);
 }

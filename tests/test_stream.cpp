@@ -129,4 +129,10 @@ TEST(EncodedGraph, CreateWrapCopyAndDump)
     EXPECT_EQ(dump(copy.get()), expected);
     EXPECT_EQ(quarl_stream_read(copy->m_stream, &word, 4, 1), 1u); // from the copied position
     EXPECT_EQ(word, 0xa0002000u);
+    // Each allocation of a copy failing in turn: no copy, nothing left allocated.
+    EXPECT_EQ(sweep_allocation_failures([&] {
+        arm_allocation_failure();
+        EncodedGraphPtr failed(quarl_encoded_graph_copy(copy.get()));
+        EXPECT_EQ(failed == nullptr, allocation_failure_delivered());
+    }), 3u);
 }

@@ -16,6 +16,10 @@ GraphPtr build_graph(uint32_t num_nodes, const std::vector<EdgeSpec> &edges,
         return graph;
     for (uint32_t i = 0; i < num_nodes; ++i) {
         QuarlInstNode *node = quarl_inst_graph_add_node(graph.get(), i);
+        if (node == nullptr) { // refused: nothing added
+            EXPECT_TRUE(graph->m_num_nodes == i && node_at(graph, i) == nullptr);
+            return graph;
+        }
         node->m_is_reachable =
             std::find(unreachable_nodes.begin(), unreachable_nodes.end(), i) ==
             unreachable_nodes.end();
@@ -23,6 +27,10 @@ GraphPtr build_graph(uint32_t num_nodes, const std::vector<EdgeSpec> &edges,
     for (const EdgeSpec &spec : edges) {
         QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph.get(), node_at(graph, spec.src),
                                                         node_at(graph, spec.dest));
+        if (edge == nullptr) { // refused: nothing added
+            EXPECT_TRUE(graph->m_num_edges == static_cast<uint32_t>(&spec - edges.data()));
+            return graph;
+        }
         edge->m_is_reachable = spec.reachable;
         edge->m_is_pseudo = spec.pseudo;
         edge->m_is_immeasurable = spec.immeasurable;
@@ -98,19 +106,33 @@ std::vector<const void *> list_items(const QuarlInstList *list)
     return items;
 }
 
+bool lists_match_flags(const QuarlInstGraph *graph)
+{
+    uint32_t unsettled = 0, listed = 0;
+    for (uint32_t i = 0; i < graph->m_num_edges; ++i) {
+        const QuarlInstEdge *edge = graph->m_edge_vec[i];
+        if (!edge->m_is_instrumented && !edge->m_is_computed)
+            unsettled += edge->m_src == edge->m_dest ? 1 : 2;
+    }
+    for (uint32_t n = 0; n < graph->m_num_nodes; ++n) {
+        const QuarlInstNode *node = graph->m_node_vec[n]; // null: no such block
+        for (const void *item : node ? list_items(node->m_uncalculated_edges) : std::vector<const void *>{}) {
+            auto *edge = static_cast<const QuarlInstEdge *>(item);
+            if (edge->m_is_instrumented || edge->m_is_computed ||
+                (edge->m_src->m_seg_block_idx != n && edge->m_dest->m_seg_block_idx != n))
+                return false;
+            ++listed;
+        }
+    }
+    return listed == unsettled;
+}
+
 std::vector<uint32_t> stored_words(const QuarlEncodedGraph *encoded)
 {
     std::vector<uint32_t> words(quarl_encoded_graph_length(encoded));
     if (!words.empty())
         std::memcpy(words.data(), encoded->m_stream->m_buffer, words.size() * 4);
     return words;
-}
-
-std::vector<uint8_t> stream_bytes(const QuarlStream *stream)
-{
-    if (stream->m_length == 0)
-        return {};
-    return std::vector<uint8_t>(stream->m_buffer, stream->m_buffer + stream->m_length);
 }
 
 std::string capture_file_output(const std::function<void(FILE *)> &write)
@@ -148,9 +170,11 @@ bool allocation_failure_delivered() { return quarl_fault_triggered(); }
 
 uint64_t sweep_allocation_failures(const std::function<void()> &scenario)
 {
+    int64_t live = quarl_fault_live_blocks();
     for (uint64_t k = 1;; ++k) {
         g_sweep_failure_at = k;
         scenario();
+        EXPECT_EQ(quarl_fault_live_blocks(), live) << "allocation " << k << " failing";
         bool delivered = quarl_fault_triggered();
         quarl_fault_fail_nth(0);
         g_sweep_failure_at = 0;
@@ -159,12 +183,12 @@ uint64_t sweep_allocation_failures(const std::function<void()> &scenario)
     }
 }
 
-std::vector<uint64_t> Routine::counter_values() const
+std::vector<uint64_t> Routine::counter_values(const QuarlInstGraph *graph) const
 {
-    std::vector<uint64_t> values(num_counters);
+    std::vector<uint64_t> values(graph != nullptr ? graph->m_num_counters : num_counters);
     for (size_t i = 0; i < edges.size(); ++i)
-        if (edges[i].instrumented)
-            values[edges[i].counter] = edge_counts[i];
+        if (graph != nullptr ? graph->m_edge_vec[i]->m_is_instrumented : edges[i].instrumented)
+            values.at(graph != nullptr ? graph->m_edge_vec[i]->m_counter_idx : edges[i].counter) = edge_counts[i];
     return values;
 }
 
@@ -250,9 +274,7 @@ Routine generate_routine(std::mt19937_64 &rng, uint32_t num_nodes, uint32_t extr
 
 GraphPtr build_routine_graph(const Routine &routine)
 {
-    GraphPtr graph = build_graph(routine.num_nodes, routine.edges);
-    graph->m_num_counters = routine.num_counters;
-    return graph;
+    return build_graph(routine.num_nodes, routine.edges); // counters 0 .. num_counters-1
 }
 
 Routine without_counters(Routine routine)

@@ -17,28 +17,13 @@ namespace quarl_test {
 
 // ---- Ownership ------------------------------------------------------------
 
-struct GraphDeleter {
-    void operator()(QuarlInstGraph *graph) const { quarl_inst_graph_delete(graph); }
+// unique_ptr calls its deleter only on a non-null pointer.
+template <auto Delete> struct Deleter {
+    template <typename T> void operator()(T *object) const { Delete(object); }
 };
-using GraphPtr = std::unique_ptr<QuarlInstGraph, GraphDeleter>;
-
-struct EncodedGraphDeleter {
-    void operator()(QuarlEncodedGraph *encoded) const
-    {
-        if (encoded != nullptr)
-            quarl_encoded_graph_delete(encoded);
-    }
-};
-using EncodedGraphPtr = std::unique_ptr<QuarlEncodedGraph, EncodedGraphDeleter>;
-
-struct StreamDeleter {
-    void operator()(QuarlStream *stream) const
-    {
-        if (stream != nullptr)
-            quarl_stream_delete(stream);
-    }
-};
-using StreamPtr = std::unique_ptr<QuarlStream, StreamDeleter>;
+using GraphPtr = std::unique_ptr<QuarlInstGraph, Deleter<quarl_inst_graph_delete>>;
+using EncodedGraphPtr = std::unique_ptr<QuarlEncodedGraph, Deleter<quarl_encoded_graph_delete>>;
+using StreamPtr = std::unique_ptr<QuarlStream, Deleter<quarl_stream_delete>>;
 
 // ---- Building graphs --------------------------------------------------------
 
@@ -57,7 +42,9 @@ struct EdgeSpec {
 // Nodes 0 .. num_nodes-1 (all reachable unless listed in unreachable_nodes),
 // then the edges in order; instrumented edges are marked through
 // quarl_inst_edge_set_as_instrumented. m_num_counters is one more than the
-// highest counter index of an instrumented edge.
+// highest counter index of an instrumented edge. Null if the graph cannot be
+// created; stops at a node or edge refused by an allocation failure, checking
+// that nothing was added.
 GraphPtr build_graph(uint32_t num_nodes, const std::vector<EdgeSpec> &edges,
                      const std::vector<uint32_t> &unreachable_nodes = {});
 
@@ -86,11 +73,12 @@ std::string formula_text(const QuarlInstEdge *edge);
 // and the count agree with them.
 std::vector<const void *> list_items(const QuarlInstList *list);
 
+// Whether each node's uncalculated list (checked as by list_items) holds
+// exactly its incident edges that are neither instrumented nor computed.
+bool lists_match_flags(const QuarlInstGraph *graph);
+
 // The stored words of an encoded graph (quarl_encoded_graph_length of them).
 std::vector<uint32_t> stored_words(const QuarlEncodedGraph *encoded);
-
-// The bytes of a stream from 0 to m_length.
-std::vector<uint8_t> stream_bytes(const QuarlStream *stream);
 
 // ---- Output -------------------------------------------------------------------
 
@@ -115,8 +103,9 @@ public:
 // that allocation failing: k = 1, 2, ... until a run completes with no
 // failure delivered. The scenario builds what it needs, calls
 // arm_allocation_failure() just before the operation under test, and checks
-// the result against allocation_failure_delivered(). Returns the number of
-// allocations covered (runs with a failure).
+// the result against allocation_failure_delivered(). Each run must leave
+// nothing allocated. Returns the number of allocations covered (runs with a
+// failure).
 uint64_t sweep_allocation_failures(const std::function<void()> &scenario);
 void arm_allocation_failure();
 bool allocation_failure_delivered();
@@ -136,8 +125,9 @@ struct Routine {
     std::vector<uint64_t> block_counts;
     uint32_t num_counters = 0;
 
-    // counters[c]: the true count of the edge carrying counter c.
-    std::vector<uint64_t> counter_values() const;
+    // counters[c]: the true count of the edge carrying counter c, as marked
+    // in the routine's edges or, if given, in its graph (same edge order).
+    std::vector<uint64_t> counter_values(const QuarlInstGraph *graph = nullptr) const;
 };
 
 Routine generate_routine(std::mt19937_64 &rng, uint32_t num_nodes, uint32_t extra_edges);

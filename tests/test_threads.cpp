@@ -1,83 +1,40 @@
 // Separate graphs, encoded graphs and streams used from separate threads at
 // once: each thread instruments its own routines, stores them, reads their
-// profiles back and checks its own answers. Public interface only, so that
-// it can run under ThreadSanitizer against the plain library.
-#include <gtest/gtest.h>
+// profiles back and checks its own answers, so that it can run under
+// ThreadSanitizer.
+#include "test_support.h"
 
 #include <atomic>
 #include <cstdio>
-#include <random>
 #include <thread>
-#include <vector>
 
-#include "quarl/edgeinst.h"
+using namespace quarl_test;
 
 namespace {
 
-struct FlowEdge {
-    uint32_t src, dest;
-    uint64_t count;
-};
-
-// 0 -> 1 -> ... -> exit, random branches and loops, a pseudo edge back to
-// 0 (last); the counts are a valid flow: cycles through one random edge,
-// closed along the chain and the pseudo edge.
-std::vector<FlowEdge> make_routine(std::mt19937_64 &rng, uint32_t num_nodes)
-{
-    uint32_t exit = num_nodes - 1;
-    std::vector<FlowEdge> edges;
-    for (uint32_t i = 0; i < exit; ++i)
-        edges.push_back({i, i + 1, 0});
-    for (uint32_t e = 0; e < num_nodes; ++e)
-        if (uint32_t src = rng() % exit, dest = rng() % num_nodes; src != dest)
-            edges.push_back({src, dest, 0});
-    edges.push_back({exit, 0, 0});
-    for (int cycle = 0; cycle < 8; ++cycle) {
-        FlowEdge &through = edges[rng() % (edges.size() - 1)];
-        uint64_t weight = 1 + rng() % 1000;
-        through.count += weight;
-        edges.back().count += weight;
-        for (uint32_t i = 0; i < exit; ++i) // chain edge i: down from dest, and up to src
-            edges[i].count += (i >= through.dest ? weight : 0) + (i < through.src ? weight : 0);
-    }
-    return edges;
-}
-
-// One round trip with dumps on the side; the number of things that went wrong.
+// One round trip with dumps on the side, counters chosen by selection with
+// costs from the counts; the number of things that went wrong.
 int round_trip(std::mt19937_64 &rng, uint32_t num_nodes, FILE *out)
 {
-    std::vector<FlowEdge> flow = make_routine(rng, num_nodes);
-    QuarlInstGraph *graph = quarl_inst_graph_create();
-    for (uint32_t i = 0; i < num_nodes; ++i)
-        quarl_inst_graph_add_node(graph, i)->m_is_reachable = 1;
-    std::vector<uint64_t> truth(num_nodes, 0), blocks(num_nodes, 0);
-    for (const FlowEdge &f : flow) {
-        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph, graph->m_node_vec[f.src],
-                                                        graph->m_node_vec[f.dest]);
-        edge->m_is_reachable = 1;
-        edge->m_is_pseudo = &f == &flow.back();
-        edge->m_cost = static_cast<int64_t>(f.count % 7);
-        truth[f.dest] += f.count;
-    }
-    int errors = quarl_inst_graph_select_counters(graph) == QUARL_SELECT_COUNTERS_FAILED;
-    errors += quarl_inst_graph_adjust_instrumentation(graph) != 1;
-    std::vector<uint64_t> counters(graph->m_num_counters);
-    for (uint32_t i = 0; i < graph->m_num_edges; ++i)
-        if (graph->m_edge_vec[i]->m_is_instrumented)
-            counters[graph->m_edge_vec[i]->m_counter_idx] = flow[i].count;
-    quarl_inst_graph_print_dot_graph(graph, out, "routine", 15, 31);
-    QuarlEncodedGraph *encoded = quarl_inst_graph_encode(graph);
-    QuarlEncodedGraph *copy = quarl_encoded_graph_copy(encoded);
-    quarl_encoded_graph_delete(encoded);
-    quarl_inst_graph_delete(graph);
-    quarl_encoded_graph_print(copy, out);
-    std::vector<uint32_t> words(quarl_encoded_graph_length(copy));
+    Routine routine = generate_routine(rng, num_nodes, num_nodes);
+    std::vector<EdgeSpec> edges = without_counters(routine).edges;
+    for (size_t i = 0; i < edges.size(); ++i)
+        edges[i].cost = static_cast<int64_t>(routine.edge_counts[i] % 7);
+    GraphPtr graph = build_graph(num_nodes, edges);
+    int errors = quarl_inst_graph_select_counters(graph.get()) == QUARL_SELECT_COUNTERS_FAILED;
+    errors += quarl_inst_graph_adjust_instrumentation(graph.get()) != 1;
+    std::vector<uint64_t> counters = routine.counter_values(graph.get()), blocks(num_nodes, 0);
+    quarl_inst_graph_print_dot_graph(graph.get(), out, "routine", 15, 31);
+    EncodedGraphPtr copy(quarl_encoded_graph_copy(EncodedGraphPtr(quarl_inst_graph_encode(graph.get())).get()));
+    graph.reset(); // the copy stands alone
+    quarl_encoded_graph_print(copy.get(), out);
+    std::vector<uint32_t> words(quarl_encoded_graph_length(copy.get()));
     quarl_stream_reset(copy->m_stream);
     errors += quarl_stream_read(copy->m_stream, words.data(), 4, words.size()) != words.size();
-    quarl_encoded_graph_delete(copy);
+    copy.reset();
     errors += quarl_compute_blocks_from_edges(words.data(), words.size(), counters.data(),
                                               counters.size(), blocks.data(), num_nodes) != 1;
-    return errors + (blocks != truth);
+    return errors + (blocks != routine.block_counts);
 }
 
 TEST(Threads, IndependentRoundTripsRunInParallel)
