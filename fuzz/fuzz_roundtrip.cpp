@@ -135,15 +135,15 @@ QuarlInstGraph *build(const Routine &routine)
         node->m_is_pseudo_exit = (flags >> 2) & 1;
         node->m_is_entry = (flags >> 3) & 1;
     }
-    for (const Routine::Edge &spec : routine.edges) {
-        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph, graph->m_node_vec[spec.src],
-                                                        graph->m_node_vec[spec.dest]);
+    for (const Routine::Edge &wanted : routine.edges) {
+        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph, graph->m_node_vec[wanted.src],
+                                                        graph->m_node_vec[wanted.dest]);
         FUZZ_CHECK(edge != nullptr);
-        edge->m_is_reachable = edge_reachable(spec);
-        edge->m_is_pseudo = (spec.flags >> 1) & 1;
-        edge->m_is_immeasurable = (spec.flags >> 2) & 1;
-        edge->m_cost = spec.flags >> 5;
-        if (!routine.select_counters && (spec.flags & 8) && edge->m_is_reachable)
+        edge->m_is_reachable = edge_reachable(wanted);
+        edge->m_is_pseudo = (wanted.flags >> 1) & 1;
+        edge->m_is_immeasurable = (wanted.flags >> 2) & 1;
+        edge->m_cost = wanted.flags >> 5;
+        if (!routine.select_counters && (wanted.flags & 8) && edge->m_is_reachable)
             quarl_inst_edge_set_as_instrumented(edge);
     }
     if (routine.select_counters)

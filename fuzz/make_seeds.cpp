@@ -94,14 +94,14 @@ std::vector<uint32_t> encode(const SeedRoutine &routine, uint32_t *num_counters)
         edges.push_back({static_cast<uint8_t>(routine.num_nodes - 1), 0, pseudo | cycle});
     }
     edges.insert(edges.end(), routine.edges.begin(), routine.edges.end());
-    for (const SeedEdge &spec : edges) {
-        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph, graph->m_node_vec[spec.src],
-                                                        graph->m_node_vec[spec.dest]);
-        edge->m_is_reachable = !(spec.flags & unreachable);
-        edge->m_is_pseudo = (spec.flags & pseudo) != 0;
-        edge->m_is_immeasurable = (spec.flags & immeasurable) != 0;
-        edge->m_cost = spec.flags >> 5;
-        if (!(routine.mode & 8) && (spec.flags & counter))
+    for (const SeedEdge &wanted : edges) {
+        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph, graph->m_node_vec[wanted.src],
+                                                        graph->m_node_vec[wanted.dest]);
+        edge->m_is_reachable = !(wanted.flags & unreachable);
+        edge->m_is_pseudo = (wanted.flags & pseudo) != 0;
+        edge->m_is_immeasurable = (wanted.flags & immeasurable) != 0;
+        edge->m_cost = wanted.flags >> 5;
+        if (!(routine.mode & 8) && (wanted.flags & counter))
             quarl_inst_edge_set_as_instrumented(edge);
     }
     if (routine.mode & 8)

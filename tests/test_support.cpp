@@ -24,21 +24,21 @@ GraphPtr build_graph(uint32_t num_nodes, const std::vector<EdgeSpec> &edges,
             std::find(unreachable_nodes.begin(), unreachable_nodes.end(), i) ==
             unreachable_nodes.end();
     }
-    for (const EdgeSpec &spec : edges) {
-        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph.get(), node_at(graph, spec.src),
-                                                        node_at(graph, spec.dest));
+    for (const EdgeSpec &wanted : edges) {
+        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph.get(), node_at(graph, wanted.src),
+                                                        node_at(graph, wanted.dest));
         if (edge == nullptr) { // refused: nothing added
-            EXPECT_TRUE(graph->m_num_edges == static_cast<uint32_t>(&spec - edges.data()));
+            EXPECT_TRUE(graph->m_num_edges == static_cast<uint32_t>(&wanted - edges.data()));
             return graph;
         }
-        edge->m_is_reachable = spec.reachable;
-        edge->m_is_pseudo = spec.pseudo;
-        edge->m_is_immeasurable = spec.immeasurable;
-        edge->m_cost = spec.cost;
-        edge->m_counter_idx = spec.counter;
-        if (spec.instrumented) {
+        edge->m_is_reachable = wanted.reachable;
+        edge->m_is_pseudo = wanted.pseudo;
+        edge->m_is_immeasurable = wanted.immeasurable;
+        edge->m_cost = wanted.cost;
+        edge->m_counter_idx = wanted.counter;
+        if (wanted.instrumented) {
             quarl_inst_edge_set_as_instrumented(edge);
-            graph->m_num_counters = std::max(graph->m_num_counters, spec.counter + 1);
+            graph->m_num_counters = std::max(graph->m_num_counters, wanted.counter + 1);
         }
     }
     return graph;
