@@ -105,6 +105,8 @@ bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node, QuarlInstList 
  * m_formula_mask_bits bits; false when a bitset cannot be made (bitsets
  * made so far stay with their edges). */
 bool quarl_inst_graph_set_up_edge_formulas(QuarlInstGraph *graph);
+/* True when no byte of remaining_nodes marks a node as unresolved. */
+bool quarl_inst_nodes_all_resolved(const uint8_t *remaining_nodes, uint32_t num_nodes);
 bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph, QuarlInstList *ready_queue,
                                            uint8_t *remaining_nodes);
 

@@ -157,14 +157,6 @@ void run_round_two(PlacementState *state)
     }
 }
 
-bool every_node_resolved(const uint8_t *remaining_nodes, uint32_t num_nodes)
-{
-    for (uint32_t i = 0; i < num_nodes; ++i)
-        if (remaining_nodes[i] != 0)
-            return false;
-    return true;
-}
-
 // ---- Counter selection ---------------------------------------------------------
 
 struct TreeCandidate {
@@ -333,6 +325,14 @@ extern "C" bool quarl_inst_graph_set_up_edge_formulas(QuarlInstGraph *graph)
     return true;
 }
 
+extern "C" bool quarl_inst_nodes_all_resolved(const uint8_t *remaining_nodes, uint32_t num_nodes)
+{
+    for (uint32_t i = 0; i < num_nodes; ++i)
+        if (remaining_nodes[i] != 0)
+            return false;
+    return true;
+}
+
 extern "C" bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph,
                                                      QuarlInstList *ready_queue,
                                                      uint8_t *remaining_nodes)
@@ -358,7 +358,7 @@ extern "C" int quarl_inst_graph_adjust_instrumentation(QuarlInstGraph *graph)
         quarl_inst_graph_populate_ready_queue(graph, state.ready_queue, state.remaining_nodes) &&
         build_immeasurable_mask(&state, graph) && run_round_one(&state)) {
         run_round_two(&state);
-        result = every_node_resolved(state.remaining_nodes, graph->m_num_nodes) ? 1 : 0;
+        result = quarl_inst_nodes_all_resolved(state.remaining_nodes, graph->m_num_nodes) ? 1 : 0;
     }
     release_scratch(&state);
     return result;

@@ -68,13 +68,10 @@ bool resolve_ready_nodes(RebuildState *state)
 // that leaves one unresolved gives 0 when untrusted.
 bool all_nodes_resolved(const uint8_t *remaining_nodes, uint32_t num_nodes, bool untrusted)
 {
-    for (uint32_t i = 0; i < num_nodes; ++i) {
-        if (untrusted && remaining_nodes[i] != 0)
-            return false;
-        QUARL_CHECK_FOR("quarl_inst_graph_compute_formulas", remaining_nodes[i] == 0,
-                        "remaining_nodes[i] == 0");
-    }
-    return true;
+    bool resolved = quarl_inst_nodes_all_resolved(remaining_nodes, num_nodes);
+    QUARL_CHECK_FOR("quarl_inst_graph_compute_formulas", resolved || untrusted,
+                    "remaining_nodes[i] == 0");
+    return resolved;
 }
 
 // The positions set in one formula bitset, lowest first.

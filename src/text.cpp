@@ -18,24 +18,6 @@ const uint32_t formula_text_step = 256;
 
 char flag_char(unsigned int flag) { return flag ? 'T' : 'F'; }
 
-// Names the edge by its two labels joined by a dot, as every diagnostic does.
-void compose_edge_name(const QuarlInstEdge *edge, char *buf /* 256 bytes */)
-{
-    char src_label[QUARL_NAME_BUF_LEN];
-    char dest_label[QUARL_NAME_BUF_LEN];
-    quarl_inst_node_get_label(edge->m_src, src_label, QUARL_NAME_BUF_LEN);
-    quarl_inst_node_get_label(edge->m_dest, dest_label, QUARL_NAME_BUF_LEN);
-    size_t src_length = strlen(src_label);
-    size_t dest_length = strlen(dest_label);
-    if (src_length + dest_length + 2 > QUARL_NAME_BUF_LEN) {
-        strcpy(buf, buffer_too_small);
-        return;
-    }
-    memcpy(buf, src_label, src_length);
-    buf[src_length] = '.';
-    memcpy(buf + src_length + 1, dest_label, dest_length + 1);
-}
-
 // Bits from the highest chunk down, bit 31 to bit 0 in each: the string
 // reads as one base-2 number whose rightmost character is position 0.
 void print_bitset(const char *heading, const QuarlInstBitset *bitset, FILE *out)
@@ -61,7 +43,7 @@ struct FormulaText {
 bool append_term(FormulaText *formula, const QuarlInstGraph *graph, uint32_t pos, char sign)
 {
     char name[QUARL_NAME_BUF_LEN];
-    compose_edge_name(quarl_inst_graph_get_edge_for_formula_position(graph, pos), name);
+    quarl_inst_edge_get_name(quarl_inst_graph_get_edge_for_formula_position(graph, pos), name);
     size_t name_length = strlen(name);
     if (name_length + formula->length + 2 >= formula->capacity) {
         size_t capacity = formula->capacity + formula_text_step;
@@ -199,9 +181,22 @@ extern "C" char *quarl_inst_node_get_label(const QuarlInstNode *node, char *buf,
     return buf;
 }
 
+// The two labels joined by a dot, as every diagnostic names an edge.
 extern "C" char *quarl_inst_edge_get_name(const QuarlInstEdge *edge, char *buf)
 {
-    compose_edge_name(edge, buf);
+    char src_label[QUARL_NAME_BUF_LEN];
+    char dest_label[QUARL_NAME_BUF_LEN];
+    quarl_inst_node_get_label(edge->m_src, src_label, QUARL_NAME_BUF_LEN);
+    quarl_inst_node_get_label(edge->m_dest, dest_label, QUARL_NAME_BUF_LEN);
+    size_t src_length = strlen(src_label);
+    size_t dest_length = strlen(dest_label);
+    if (src_length + dest_length + 2 > QUARL_NAME_BUF_LEN) {
+        strcpy(buf, buffer_too_small);
+        return buf;
+    }
+    memcpy(buf, src_label, src_length);
+    buf[src_length] = '.';
+    memcpy(buf + src_length + 1, dest_label, dest_length + 1);
     return buf;
 }
 
