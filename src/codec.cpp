@@ -123,8 +123,11 @@ QuarlInstNode *find_or_add_node(QuarlInstGraph *graph, uint32_t node_idx)
     return node != nullptr ? node : quarl_inst_graph_add_node(graph, node_idx);
 }
 
-// Adds one decoded edge with the flags the stored form carries.
-QuarlInstEdge *add_decoded_edge(QuarlInstGraph *graph, uint32_t src_idx, uint32_t dest_idx)
+// Adds one decoded edge: the source node is found or created first, then
+// the destination node; in the successor-list formats the edge's trace line
+// comes between the nodes and the edge.
+QuarlInstEdge *add_decoded_edge(QuarlInstGraph *graph, uint32_t src_idx, uint32_t dest_idx,
+                                bool trace_edge)
 {
     QuarlInstNode *src = find_or_add_node(graph, src_idx);
     if (src == nullptr)
@@ -132,6 +135,8 @@ QuarlInstEdge *add_decoded_edge(QuarlInstGraph *graph, uint32_t src_idx, uint32_
     QuarlInstNode *dest = find_or_add_node(graph, dest_idx);
     if (dest == nullptr)
         return nullptr;
+    if (trace_edge && quarl_trace_on(QUARL_TRACE_RESOLVE))
+        fprintf(stderr, "Edge: %d -> %d\n", static_cast<int>(src_idx), static_cast<int>(dest_idx));
     return quarl_inst_graph_add_edge(graph, src, dest);
 }
 
@@ -153,7 +158,7 @@ uint32_t decode_edge_list(QuarlStream *stream, QuarlInstGraph *graph)
             return 0;
         if (src_idx >= index_bound || dest_idx >= index_bound)
             return 0;
-        QuarlInstEdge *edge = add_decoded_edge(graph, src_idx, dest_idx);
+        QuarlInstEdge *edge = add_decoded_edge(graph, src_idx, dest_idx, false);
         if (edge == nullptr)
             return 0;
         if (flags & list_flag_instrumented)
@@ -213,10 +218,7 @@ uint32_t decode_successor_lists(QuarlStream *stream, QuarlEncodingFormat format,
         }
         if (dest_idx >= record_count)
             return 0;
-        if (quarl_trace_on(QUARL_TRACE_RESOLVE))
-            fprintf(stderr, "Edge: %d -> %d\n", static_cast<int>(src_idx),
-                    static_cast<int>(dest_idx));
-        QuarlInstEdge *edge = add_decoded_edge(graph, src_idx, dest_idx);
+        QuarlInstEdge *edge = add_decoded_edge(graph, src_idx, dest_idx, true);
         if (edge == nullptr)
             return 0;
         edge->m_counter_idx = counter_idx;

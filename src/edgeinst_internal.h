@@ -13,7 +13,9 @@ extern "C" {
 /* ---- Allocation --------------------------------------------------------
  * Every allocation of the module goes through these, so that a test build
  * (QUARL_FAULT_INJECTION) can make the n-th one fail and count live blocks.
- * A zero-byte request is served as one byte, so null always means failure. */
+ * Null always means failure. A zero-byte request never fails and takes no
+ * heap block: it gets a shared non-null address that quarl_mem_free()
+ * ignores. */
 void *quarl_mem_alloc(size_t size);
 void *quarl_mem_alloc_zeroed(size_t count, size_t size);
 void *quarl_mem_realloc(void *block, size_t size);

@@ -46,11 +46,21 @@ extern "C" int64_t quarl_fault_live_blocks(void) { return g_live.load(); }
 #define QUARL_COUNT_LIVE(delta) ((void)0)
 #endif
 
+namespace {
+// Every zero-byte request gets this address: a zero-length block is never a
+// failure and never a heap block, so nothing is left to release for it.
+unsigned char g_empty_block;
+
+bool is_empty_block(const void *block) { return block == &g_empty_block; }
+} // namespace
+
 extern "C" void *quarl_mem_alloc(size_t size)
 {
+    if (size == 0)
+        return &g_empty_block;
     if (QUARL_FAIL_HERE())
         return nullptr;
-    void *block = malloc(size != 0 ? size : 1);
+    void *block = malloc(size);
     if (block != nullptr)
         QUARL_COUNT_LIVE(1);
     return block;
@@ -58,9 +68,11 @@ extern "C" void *quarl_mem_alloc(size_t size)
 
 extern "C" void *quarl_mem_alloc_zeroed(size_t count, size_t size)
 {
+    if (count == 0 || size == 0)
+        return &g_empty_block;
     if (QUARL_FAIL_HERE())
         return nullptr;
-    void *block = (count == 0 || size == 0) ? calloc(1, 1) : calloc(count, size);
+    void *block = calloc(count, size);
     if (block != nullptr)
         QUARL_COUNT_LIVE(1);
     return block;
@@ -68,9 +80,15 @@ extern "C" void *quarl_mem_alloc_zeroed(size_t count, size_t size)
 
 extern "C" void *quarl_mem_realloc(void *block, size_t size)
 {
+    if (size == 0) {
+        quarl_mem_free(block);
+        return &g_empty_block;
+    }
+    if (is_empty_block(block))
+        block = nullptr;
     if (QUARL_FAIL_HERE())
         return nullptr;
-    void *grown = realloc(block, size != 0 ? size : 1);
+    void *grown = realloc(block, size);
     if (grown != nullptr && block == nullptr)
         QUARL_COUNT_LIVE(1);
     return grown;
@@ -78,7 +96,7 @@ extern "C" void *quarl_mem_realloc(void *block, size_t size)
 
 extern "C" void quarl_mem_free(void *block)
 {
-    if (block == nullptr)
+    if (block == nullptr || is_empty_block(block))
         return;
     QUARL_COUNT_LIVE(-1);
     free(block);

@@ -138,3 +138,37 @@ TEST(AllocSweep, PipelinesSurviveEveryAllocationFailure)
         RecordProperty(std::string(s.name) + "_k_values", static_cast<int>(covered));
     }
 }
+
+// A zero-length block is never a failure: on a graph without nodes or
+// edges only the allocations of real size can fail (the counts below), and
+// every run without a failure gives the operation's success.
+TEST(AllocSweep, ZeroLengthRequestsNeverFail)
+{
+    const struct { const char *name; uint64_t allocations; std::function<bool(QuarlInstGraph *)> run; } cases[] = {
+        {"bitset of 0 bits", 1, [](QuarlInstGraph *) {
+             QuarlInstBitset *bitset = quarl_inst_bitset_create(0);
+             bool made = bitset != nullptr;
+             EXPECT_TRUE(!made || (bitset->m_size == 0 && bitset->m_chunk_count == 0 && bitset->m_bit_capacity == 0));
+             quarl_inst_bitset_delete(bitset);
+             return made;
+         }},
+        {"counter selection", 0, [](QuarlInstGraph *g) { return quarl_inst_graph_select_counters(g) == 0; }},
+        {"placement: two queues and the mask", 3, [](QuarlInstGraph *g) { return quarl_inst_graph_adjust_instrumentation(g) == 1; }},
+        {"formula rebuild: the queue", 1, [](QuarlInstGraph *g) { return quarl_inst_graph_compute_formulas(g) == 1; }},
+        {"propagation", 0, [](QuarlInstGraph *g) { return quarl_inst_graph_propagate_counts(g); }},
+        {"Graphviz export", 0, [](QuarlInstGraph *g) {
+             return capture_file_output([&](FILE *out) { EXPECT_EQ(quarl_inst_graph_print_dot_graph(g, out, "g", 15, 31), 0); }) ==
+                    "\n\ndigraph \"g\" {\n\tnode [style=filled, shape=box, color=lightskyblue3];\n}\n\n";
+         }},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.name);
+        uint64_t covered = sweep_allocation_failures([&] {
+            GraphPtr empty(quarl_inst_graph_create());
+            arm_allocation_failure();
+            bool succeeded = c.run(empty.get());
+            EXPECT_NE(succeeded, allocation_failure_delivered());
+        });
+        EXPECT_EQ(covered, c.allocations);
+    }
+}

@@ -2,6 +2,7 @@
 #include "test_support.h"
 
 #include <algorithm>
+#include <regex>
 
 using namespace quarl_test;
 
@@ -175,6 +176,34 @@ TEST(Codec, Traces)
         TraceMaskScope mask(c.mask);
         EXPECT_EQ(capture_stderr([&] { decode(encoded.get()); }), c.expected);
     }
+}
+
+// With construction and decoding traced together, each record's nodes are
+// found or created before its "Edge:" line, and the edge is added after it.
+TEST(Codec, DecodeTraceInterleavesRecordByRecord)
+{
+    EncodedGraphPtr encoded = from_words(words16);
+    TraceMaskScope mask(3);
+    std::string trace = capture_stderr([&] { decode(encoded.get()); });
+    trace = std::regex_replace(trace, std::regex("edge 0x[0-9a-f]+ to"), "edge %p to");
+    EXPECT_EQ(trace,
+              "Added node 0\n"
+              "Added node 1\n"
+              "Edge: 0 -> 1\n"
+              "Adding edge %p to node 0\n"
+              "Adding edge %p to node 1\n"
+              "Added edge: B0000.B0001\n"
+              "Added node 2\n"
+              "Edge: 0 -> 2\n"
+              "Adding edge %p to node 0\n"
+              "Adding edge %p to node 2\n"
+              "Added edge: B0000.B0002\n"
+              "Setting edge [ B0000.B0002 ] as instrumented\n"
+              "Edge: 1 -> 2\n"
+              "Adding edge %p to node 1\n"
+              "Adding edge %p to node 2\n"
+              "Added edge: B0001.B0002\n"
+              "Setting edge [ B0001.B0002 ] as instrumented\n");
 }
 
 TEST(CodecDeathTest, MissingNodeStopsTheEncoder)
