@@ -62,17 +62,53 @@ QuarlInstList *quarl_inst_list_create(void);
 QuarlInstListElement *quarl_inst_list_append(QuarlInstList *list, void *data);
 void quarl_inst_list_delete(QuarlInstList *list);
 void quarl_inst_list_remove(QuarlInstList *list, QuarlInstListElement *element);
-/* Takes the head element's item off a queue and frees the element; null for
- * an empty list. */
-void *quarl_inst_list_pop_head(QuarlInstList *list);
+
+/* ---- Node queues ------------------------------------------------------------
+ * The ready and deferred queues of the resolution passes: first in, first
+ * out, in one array that doubles when full (after moving the waiting nodes
+ * to its front when most of it is already taken), so that a queue costs a
+ * few allocations per pass and memory for the nodes waiting in it. */
+typedef struct QuarlNodeQueue {
+    QuarlInstNode **m_nodes; /* null until the first append */
+    uint32_t m_head;         /* next to take */
+    uint32_t m_tail;         /* next free slot */
+    uint32_t m_capacity;
+} QuarlNodeQueue;
+#define QUARL_NODE_QUEUE_INIT {NULL, 0, 0, 0}
+void quarl_node_queue_release(QuarlNodeQueue *queue);
+/* False when the array cannot grow; the queue is then unchanged. */
+bool quarl_node_queue_append(QuarlNodeQueue *queue, QuarlInstNode *node);
+/* The node at the head, taken off the queue; null when it is empty. */
+QuarlInstNode *quarl_node_queue_take(QuarlNodeQueue *queue);
 
 /* ---- Graph order and names ----------------------------------------------- */
 int quarl_inst_edge_src_dest_lesser(const void *edge1, const void *edge2);
 char *quarl_inst_edge_get_name(const QuarlInstEdge *edge, char *buf /* 256 bytes */);
 
-/* ---- Formula bitsets ------------------------------------------------------ */
+/* ---- Formula bitsets ------------------------------------------------------
+ * A bitset is one block: the record, a private tail (the range of chunks
+ * that may hold set bits, and the shared block it lives in, if any) and its
+ * chunks. The bitsets of one pass's formulas are carved from one shared
+ * zeroed block, released with the last of them; bitsets are released one
+ * by one with quarl_inst_bitset_delete() either way. */
 QuarlInstBitset *quarl_inst_bitset_create(uint32_t bits);
 void quarl_inst_bitset_delete(QuarlInstBitset *bitset);
+
+typedef struct QuarlInstBitsetBatch {
+    void *m_block;    /* the shared block; null for a batch of none */
+    uint64_t m_count; /* bitsets in the block */
+    uint64_t m_taken; /* handed out so far */
+    uint32_t m_bits;
+} QuarlInstBitsetBatch;
+/* One zeroed block for count bitsets of bits bits; false when memory runs
+ * out. Every one of them must be taken, and each released in its turn.
+ * One block rather than many: a large zeroed block costs the system pages
+ * that bits are written to, not a clearing of all of it, and a smaller one
+ * is kept and reused by the allocator from one routine to the next. */
+bool quarl_inst_bitset_batch_create(QuarlInstBitsetBatch *batch, uint32_t bits, uint64_t count);
+QuarlInstBitset *quarl_inst_bitset_batch_take(QuarlInstBitsetBatch *batch);
+/* Zeroes every chunk (cost: the chunks that may hold set bits). */
+void quarl_inst_bitset_clear_all(QuarlInstBitset *bitset);
 void quarl_inst_bitset_set_bit(QuarlInstBitset *bitset, uint32_t pos);
 bool quarl_inst_bitset_get_bit(const QuarlInstBitset *bitset, uint32_t pos);
 void quarl_inst_bitset_clear_bit(QuarlInstBitset *bitset, uint32_t pos);
@@ -98,18 +134,20 @@ void quarl_inst_edge_formula_string_get(const QuarlInstEdge *edge, char *buf,
 void quarl_inst_edge_set_as_computed(QuarlInstEdge *edge);
 
 /* ---- Resolution and placement ---------------------------------------------- */
-bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node, QuarlInstList *ready_queue,
-                                             QuarlInstList *deferred_queue,
+bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node, QuarlNodeQueue *ready_queue,
+                                             QuarlNodeQueue *deferred_queue,
                                              QuarlInstBitset *immeasurable_mask, bool force,
                                              uint8_t *remaining_nodes);
 /* Settles unreachable edges as computed (they count 0) and gives every
  * other edge without a counter two empty formula bitsets of
- * m_formula_mask_bits bits; false when a bitset cannot be made (bitsets
- * made so far stay with their edges). */
+ * m_formula_mask_bits bits, all from one shared block; false, with nothing
+ * changed, when that block cannot be had. */
 bool quarl_inst_graph_set_up_edge_formulas(QuarlInstGraph *graph);
 /* True when no byte of remaining_nodes marks a node as unresolved. */
 bool quarl_inst_nodes_all_resolved(const uint8_t *remaining_nodes, uint32_t num_nodes);
-bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph, QuarlInstList *ready_queue,
+/* Marks every reachable node remaining and queues those with at most one
+ * unsettled edge, in block index order; false when the queue cannot grow. */
+bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph, QuarlNodeQueue *ready_queue,
                                            uint8_t *remaining_nodes);
 
 /* ---- Profile reconstruction -------------------------------------------------- */
@@ -118,9 +156,8 @@ bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph, QuarlInstList 
  * rebuild's invariants gives 0 instead of stopping the process. */
 int32_t quarl_inst_graph_rebuild_formulas(QuarlInstGraph *graph, bool untrusted);
 uint64_t quarl_inst_edge_execute_formula(QuarlInstEdge *edge);
-/* The propagation behind quarl_inst_graph_propagate_exec_counts(); false
- * when some working memory could not be had, so that counts may be
- * incomplete. */
+/* The propagation behind quarl_inst_graph_propagate_exec_counts(); false,
+ * with no count changed, when its working memory could not be had. */
 bool quarl_inst_graph_propagate_counts(QuarlInstGraph *graph);
 
 /* ---- Encoding ----------------------------------------------------------------- */

@@ -2,6 +2,8 @@
 // instrumented or computed.
 #include <stdio.h>
 
+#include <new>
+
 #include "edgeinst_internal.h"
 
 namespace {
@@ -46,37 +48,160 @@ void leave_uncalculated_lists(QuarlInstEdge *edge, const char *operation)
 } // namespace
 
 // ---- Bitsets ------------------------------------------------------------
+//
+// Every bitset record is followed in memory by a private tail. The tail
+// names the shared block the bitset was carved from (null when the bitset
+// has a block of its own) and the range of chunks that may hold set bits:
+// chunks outside it are zero, so the word-wise operations skip them. A
+// formula of a routine of n edges has n positions but, in compiled code, a
+// handful of set bits close together; the range keeps every operation on it
+// to a few chunks. Bits are written only through the operations below,
+// which keep the range a superset of the non-zero chunks.
+
+namespace {
+
+struct SharedBlock {
+    uint64_t live_bitsets; // released with the last of its bitsets
+};
+
+struct BitsetTail {
+    SharedBlock *shared;
+    uint32_t first_chunk; // the range [first_chunk, end_chunk); empty when
+    uint32_t end_chunk;   // first_chunk >= end_chunk
+};
+
+const size_t record_bytes = sizeof(QuarlInstBitset) + sizeof(BitsetTail);
+static_assert(record_bytes % alignof(QuarlInstBitset) == 0, "records follow each other");
+
+BitsetTail *tail_of(const QuarlInstBitset *bitset)
+{
+    return reinterpret_cast<BitsetTail *>(const_cast<QuarlInstBitset *>(bitset) + 1);
+}
+
+bool range_empty(const BitsetTail *tail) { return tail->first_chunk >= tail->end_chunk; }
+
+void widen_range(BitsetTail *tail, uint32_t first, uint32_t end)
+{
+    if (first >= end)
+        return;
+    if (range_empty(tail)) {
+        tail->first_chunk = first;
+        tail->end_chunk = end;
+        return;
+    }
+    if (first < tail->first_chunk)
+        tail->first_chunk = first;
+    if (end > tail->end_chunk)
+        tail->end_chunk = end;
+}
+
+// Narrows the range to its outermost non-zero chunks, after bits were
+// cleared, so that later operations skip what became zero.
+void trim_range(const QuarlInstBitset *bitset)
+{
+    BitsetTail *tail = tail_of(bitset);
+    while (tail->first_chunk < tail->end_chunk && bitset->m_chunks[tail->first_chunk] == 0)
+        tail->first_chunk++;
+    while (tail->first_chunk < tail->end_chunk && bitset->m_chunks[tail->end_chunk - 1] == 0)
+        tail->end_chunk--;
+}
+
+uint32_t chunks_for(uint32_t bits)
+{
+    return static_cast<uint32_t>((uint64_t{bits} + 31) / bits_per_chunk);
+}
+
+// A shared block: its header, the records with their tails, then the
+// chunks of every bitset; the records are written at once, the chunks only
+// where bits get set.
+struct BatchLayout {
+    uint64_t header_bytes;
+    uint64_t chunk_bytes; // of one bitset
+};
+
+BatchLayout batch_layout(uint32_t bits)
+{
+    const uint64_t align = alignof(QuarlInstBitset);
+    return {(sizeof(SharedBlock) + align - 1) / align * align,
+            uint64_t{chunks_for(bits)} * sizeof(uint32_t)};
+}
+
+// Starts the lives of a record and its tail at `at`; the chunks are zero.
+QuarlInstBitset *place_bitset(void *at, uint32_t bits, uint32_t *chunks, SharedBlock *shared,
+                              bool full_range)
+{
+    QuarlInstBitset *bitset = new (at) QuarlInstBitset;
+    bitset->m_size = bits;
+    bitset->m_chunk_count = chunks_for(bits);
+    bitset->m_bit_capacity = bitset->m_chunk_count * bits_per_chunk;
+    bitset->m_chunks = chunks;
+    new (bitset + 1) BitsetTail{shared, 0, full_range ? bitset->m_chunk_count : 0};
+    return bitset;
+}
+
+} // namespace
 
 extern "C" QuarlInstBitset *quarl_inst_bitset_create(uint32_t bits)
 {
-    QuarlInstBitset *bitset =
-        static_cast<QuarlInstBitset *>(quarl_mem_alloc(sizeof(QuarlInstBitset)));
-    if (bitset == nullptr)
+    // One block: record, tail, chunks. A bitset of 0 bits has no chunks;
+    // its chunk pointer is the (empty) end of the block.
+    uint64_t bytes = record_bytes + uint64_t{chunks_for(bits)} * sizeof(uint32_t);
+    void *block = quarl_mem_alloc_zeroed(1, static_cast<size_t>(bytes));
+    if (block == nullptr)
         return nullptr;
-    bitset->m_size = bits;
-    bitset->m_chunk_count = static_cast<uint32_t>((uint64_t{bits} + 31) / bits_per_chunk);
-    bitset->m_bit_capacity = bitset->m_chunk_count * bits_per_chunk;
-    bitset->m_chunks =
-        static_cast<uint32_t *>(quarl_mem_alloc_zeroed(bitset->m_chunk_count, sizeof(uint32_t)));
-    if (bitset->m_chunks == nullptr) {
-        quarl_mem_free(bitset);
-        return nullptr;
-    }
-    return bitset;
+    uint32_t *chunks = reinterpret_cast<uint32_t *>(static_cast<char *>(block) + record_bytes);
+    return place_bitset(block, bits, chunks, nullptr, true);
+}
+
+extern "C" bool quarl_inst_bitset_batch_create(QuarlInstBitsetBatch *batch, uint32_t bits,
+                                              uint64_t count)
+{
+    batch->m_taken = 0;
+    batch->m_count = count;
+    batch->m_bits = bits;
+    batch->m_block = nullptr;
+    if (count == 0)
+        return true;
+    BatchLayout layout = batch_layout(bits);
+    if (count > (SIZE_MAX - layout.header_bytes) / (record_bytes + layout.chunk_bytes))
+        return false;
+    void *block = quarl_mem_alloc_zeroed(
+        1, static_cast<size_t>(layout.header_bytes + count * (record_bytes + layout.chunk_bytes)));
+    if (block == nullptr)
+        return false;
+    new (block) SharedBlock{count};
+    batch->m_block = block;
+    return true;
+}
+
+extern "C" QuarlInstBitset *quarl_inst_bitset_batch_take(QuarlInstBitsetBatch *batch)
+{
+    QUARL_CHECK(batch->m_taken < batch->m_count, "batch->m_taken < batch->m_count");
+    BatchLayout layout = batch_layout(batch->m_bits);
+    char *records = static_cast<char *>(batch->m_block) + layout.header_bytes;
+    char *record = records + batch->m_taken * record_bytes;
+    char *chunks = records + batch->m_count * record_bytes + batch->m_taken * layout.chunk_bytes;
+    batch->m_taken++;
+    return place_bitset(record, batch->m_bits, reinterpret_cast<uint32_t *>(chunks),
+                        static_cast<SharedBlock *>(batch->m_block), false);
 }
 
 extern "C" void quarl_inst_bitset_delete(QuarlInstBitset *bitset)
 {
     if (bitset == nullptr)
         return;
-    quarl_mem_free(bitset->m_chunks);
-    quarl_mem_free(bitset);
+    SharedBlock *shared = tail_of(bitset)->shared;
+    if (shared == nullptr)
+        quarl_mem_free(bitset);
+    else if (--shared->live_bitsets == 0)
+        quarl_mem_free(shared);
 }
 
 extern "C" void quarl_inst_bitset_set_bit(QuarlInstBitset *bitset, uint32_t pos)
 {
     QUARL_CHECK(pos < bitset->m_size, "pos < ((bitset)->m_size)");
     bitset->m_chunks[pos / bits_per_chunk] |= 1u << (pos % bits_per_chunk);
+    widen_range(tail_of(bitset), pos / bits_per_chunk, pos / bits_per_chunk + 1);
 }
 
 extern "C" bool quarl_inst_bitset_get_bit(const QuarlInstBitset *bitset, uint32_t pos)
@@ -89,6 +214,7 @@ extern "C" void quarl_inst_bitset_clear_bit(QuarlInstBitset *bitset, uint32_t po
 {
     QUARL_CHECK(pos < bitset->m_size, "pos < ((bitset)->m_size)");
     bitset->m_chunks[pos / bits_per_chunk] &= ~(1u << (pos % bits_per_chunk));
+    trim_range(bitset);
 }
 
 extern "C" void quarl_inst_bitset_merge_with(QuarlInstBitset *bitset1,
@@ -97,15 +223,21 @@ extern "C" void quarl_inst_bitset_merge_with(QuarlInstBitset *bitset1,
     QUARL_CHECK(bitset1 != nullptr && bitset2 != nullptr,
                 "bitset1 != ((void *)0) && bitset2 != ((void *)0)");
     check_same_chunk_count(bitset1, bitset2, __func__);
-    for (uint32_t i = 0; i < bitset1->m_chunk_count; ++i)
-        bitset1->m_chunks[i] |= bitset2->m_chunks[i];
+    // Zero chunks are not written: in a large shared block, a page that
+    // never receives a bit is never touched.
+    const BitsetTail *from = tail_of(bitset2);
+    for (uint32_t i = from->first_chunk; i < from->end_chunk; ++i)
+        if (bitset2->m_chunks[i] != 0)
+            bitset1->m_chunks[i] |= bitset2->m_chunks[i];
+    widen_range(tail_of(bitset1), from->first_chunk, from->end_chunk);
 }
 
 extern "C" bool quarl_inst_bitset_intersects(const QuarlInstBitset *bitset1,
                                             const QuarlInstBitset *bitset2)
 {
     check_same_chunk_count(bitset1, bitset2, __func__);
-    for (uint32_t i = 0; i < bitset1->m_chunk_count; ++i)
+    const BitsetTail *range = tail_of(bitset1);
+    for (uint32_t i = range->first_chunk; i < range->end_chunk; ++i)
         if ((bitset1->m_chunks[i] & ~bitset2->m_chunks[i]) != 0)
             return true;
     return false;
@@ -115,11 +247,35 @@ extern "C" void quarl_inst_bitset_clear_intersection(QuarlInstBitset *bitset1,
                                                     QuarlInstBitset *bitset2)
 {
     check_same_chunk_count(bitset1, bitset2, __func__);
-    for (uint32_t i = 0; i < bitset1->m_chunk_count; ++i) {
+    // Only chunks in both ranges can hold a position of both sets.
+    const BitsetTail *range1 = tail_of(bitset1);
+    const BitsetTail *range2 = tail_of(bitset2);
+    uint32_t first = range1->first_chunk > range2->first_chunk ? range1->first_chunk
+                                                                 : range2->first_chunk;
+    uint32_t end = range1->end_chunk < range2->end_chunk ? range1->end_chunk : range2->end_chunk;
+    bool cleared = false;
+    for (uint32_t i = first; i < end; ++i) {
         uint32_t a = bitset1->m_chunks[i];
-        bitset1->m_chunks[i] = a & ~bitset2->m_chunks[i];
-        bitset2->m_chunks[i] &= ~a;
+        uint32_t shared = a & bitset2->m_chunks[i];
+        if (shared != 0) {
+            bitset1->m_chunks[i] = a & ~shared;
+            bitset2->m_chunks[i] &= ~shared;
+            cleared = true;
+        }
     }
+    if (cleared) {
+        trim_range(bitset1);
+        trim_range(bitset2);
+    }
+}
+
+extern "C" void quarl_inst_bitset_clear_all(QuarlInstBitset *bitset)
+{
+    BitsetTail *range = tail_of(bitset);
+    for (uint32_t i = range->first_chunk; i < range->end_chunk; ++i)
+        bitset->m_chunks[i] = 0;
+    range->first_chunk = 0;
+    range->end_chunk = 0;
 }
 
 // ---- Formulas -----------------------------------------------------------
@@ -129,10 +285,8 @@ extern "C" void quarl_inst_edge_clear_formula(QuarlInstEdge *edge)
     QuarlInstBitset *additive = edge->m_additive;
     QuarlInstBitset *subtractive = edge->m_subtractive;
     check_formula_present(additive, subtractive, __func__);
-    for (uint32_t i = 0; i < additive->m_chunk_count; ++i)
-        additive->m_chunks[i] = 0;
-    for (uint32_t i = 0; i < subtractive->m_chunk_count; ++i)
-        subtractive->m_chunks[i] = 0;
+    quarl_inst_bitset_clear_all(additive);
+    quarl_inst_bitset_clear_all(subtractive);
     edge->m_is_computed = 0;
 }
 

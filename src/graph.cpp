@@ -156,14 +156,41 @@ extern "C" void quarl_inst_list_remove(QuarlInstList *list, QuarlInstListElement
     quarl_mem_free(element);
 }
 
-extern "C" void *quarl_inst_list_pop_head(QuarlInstList *list)
+// ---- Node queues ------------------------------------------------------------
+
+extern "C" void quarl_node_queue_release(QuarlNodeQueue *queue)
 {
-    QuarlInstListElement *head = list->m_head;
-    if (head == nullptr)
-        return nullptr;
-    void *data = head->m_data;
-    quarl_inst_list_remove(list, head);
-    return data;
+    quarl_mem_free(queue->m_nodes);
+    *queue = QuarlNodeQueue QUARL_NODE_QUEUE_INIT;
+}
+
+extern "C" bool quarl_node_queue_append(QuarlNodeQueue *queue, QuarlInstNode *node)
+{
+    if (queue->m_tail == queue->m_capacity) {
+        uint32_t waiting = queue->m_tail - queue->m_head;
+        if (queue->m_head > queue->m_capacity / 2) {
+            memmove(queue->m_nodes, queue->m_nodes + queue->m_head, sizeof(QuarlInstNode *) * waiting);
+        } else {
+            uint64_t capacity = queue->m_capacity < 16 ? 16 : uint64_t{queue->m_capacity} * 2;
+            if (capacity > UINT32_MAX || capacity > SIZE_MAX / sizeof(QuarlInstNode *))
+                return false;
+            void *grown = quarl_mem_realloc(queue->m_nodes, sizeof(QuarlInstNode *) * capacity);
+            if (grown == nullptr)
+                return false;
+            queue->m_nodes = static_cast<QuarlInstNode **>(grown);
+            queue->m_capacity = static_cast<uint32_t>(capacity);
+            memmove(queue->m_nodes, queue->m_nodes + queue->m_head, sizeof(QuarlInstNode *) * waiting);
+        }
+        queue->m_head = 0;
+        queue->m_tail = waiting;
+    }
+    queue->m_nodes[queue->m_tail++] = node;
+    return true;
+}
+
+extern "C" QuarlInstNode *quarl_node_queue_take(QuarlNodeQueue *queue)
+{
+    return queue->m_head < queue->m_tail ? queue->m_nodes[queue->m_head++] : nullptr;
 }
 
 // ---- Graph --------------------------------------------------------------

@@ -52,28 +52,25 @@ bool formula_is_acceptable(const QuarlInstEdge *uncalc_edge, const QuarlInstBits
 // ---- The placement pass, stage by stage -------------------------------------
 
 struct PlacementState {
-    QuarlInstList *ready_queue;
-    QuarlInstList *deferred_queue;
+    QuarlNodeQueue ready_queue;
+    QuarlNodeQueue deferred_queue;
     uint8_t *remaining_nodes;
     QuarlInstBitset *immeasurable_mask;
 };
 
 bool create_scratch(PlacementState *state, const QuarlInstGraph *graph)
 {
-    state->ready_queue = quarl_inst_list_create();
-    state->deferred_queue = quarl_inst_list_create();
     state->remaining_nodes =
         static_cast<uint8_t *>(quarl_mem_alloc_zeroed(graph->m_num_nodes, sizeof(uint8_t)));
-    return state->ready_queue != nullptr && state->deferred_queue != nullptr &&
-           state->remaining_nodes != nullptr;
+    return state->remaining_nodes != nullptr;
 }
 
 void release_scratch(PlacementState *state)
 {
     quarl_inst_bitset_delete(state->immeasurable_mask);
     quarl_mem_free(state->remaining_nodes);
-    quarl_inst_list_delete(state->deferred_queue);
-    quarl_inst_list_delete(state->ready_queue);
+    quarl_node_queue_release(&state->deferred_queue);
+    quarl_node_queue_release(&state->ready_queue);
 }
 
 // Every edge's position is its index in the edge vector.
@@ -108,13 +105,13 @@ bool build_immeasurable_mask(PlacementState *state, const QuarlInstGraph *graph)
 bool run_round_one(PlacementState *state)
 {
     QuarlInstNode *node;
-    while ((node = static_cast<QuarlInstNode *>(quarl_inst_list_pop_head(state->ready_queue)))) {
+    while ((node = quarl_node_queue_take(&state->ready_queue)) != nullptr) {
         uint32_t unsettled = node->m_uncalculated_edges->m_count;
         if (unsettled == 0) {
             state->remaining_nodes[node->m_seg_block_idx] = 0;
         } else if (unsettled > 1 ||
-                   !quarl_inst_graph_compute_remaining_edge(node, state->ready_queue,
-                                                            state->deferred_queue,
+                   !quarl_inst_graph_compute_remaining_edge(node, &state->ready_queue,
+                                                            &state->deferred_queue,
                                                             state->immeasurable_mask, false,
                                                             state->remaining_nodes)) {
             return false;
@@ -123,17 +120,15 @@ bool run_round_one(PlacementState *state)
     return true;
 }
 
-void trace_round_two_header(const QuarlInstList *deferred_queue)
+void trace_round_two_header(const QuarlNodeQueue *deferred_queue)
 {
     fputs(round_two_rule, stderr);
     fputs("Begin formula round 2 for forced edges.\n", stderr);
     fputs("Remaining nodes:\n", stderr);
-    for (const QuarlInstListElement *element = deferred_queue->m_head; element != nullptr;
-         element = element->m_next) {
+    for (uint64_t i = deferred_queue->m_head; i < deferred_queue->m_tail; ++i) {
         char label[QUARL_NAME_BUF_LEN];
         fprintf(stderr, "Node: %s\n",
-                quarl_inst_node_get_label(static_cast<const QuarlInstNode *>(element->m_data),
-                                          label, QUARL_NAME_BUF_LEN));
+                quarl_inst_node_get_label(deferred_queue->m_nodes[i], label, QUARL_NAME_BUF_LEN));
     }
 }
 
@@ -142,15 +137,15 @@ void trace_round_two_header(const QuarlInstList *deferred_queue)
 // queue.
 void run_round_two(PlacementState *state)
 {
-    if (state->deferred_queue->m_count == 0)
+    if (state->deferred_queue.m_head == state->deferred_queue.m_tail)
         return;
     if (quarl_trace_on(QUARL_TRACE_RESOLVE))
-        trace_round_two_header(state->deferred_queue);
+        trace_round_two_header(&state->deferred_queue);
     QuarlInstNode *node;
-    while ((node = static_cast<QuarlInstNode *>(quarl_inst_list_pop_head(state->deferred_queue)))) {
+    while ((node = quarl_node_queue_take(&state->deferred_queue)) != nullptr) {
         if (node->m_uncalculated_edges->m_count == 0)
             state->remaining_nodes[node->m_seg_block_idx] = 0;
-        else if (!quarl_inst_graph_compute_remaining_edge(node, state->deferred_queue, nullptr,
+        else if (!quarl_inst_graph_compute_remaining_edge(node, &state->deferred_queue, nullptr,
                                                           state->immeasurable_mask, true,
                                                           state->remaining_nodes))
             return;
@@ -265,8 +260,8 @@ uint32_t mark_and_number_counters(QuarlInstGraph *graph, const uint8_t *on_tree)
 } // namespace
 
 extern "C" bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node,
-                                                       QuarlInstList *ready_queue,
-                                                       QuarlInstList *deferred_queue,
+                                                       QuarlNodeQueue *ready_queue,
+                                                       QuarlNodeQueue *deferred_queue,
                                                        QuarlInstBitset *immeasurable_mask,
                                                        bool force, uint8_t *remaining_nodes)
 {
@@ -287,7 +282,7 @@ extern "C" bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node,
         remaining_nodes[node->m_seg_block_idx] = 0;
         if (far_end->m_uncalculated_edges->m_count <= 1 &&
             remaining_nodes[far_end->m_seg_block_idx] == 1)
-            return quarl_inst_list_append(ready_queue, far_end) != nullptr;
+            return quarl_node_queue_append(ready_queue, far_end);
         return true;
     }
 
@@ -296,7 +291,7 @@ extern "C" bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node,
     if (!force) {
         if (deferred_queue == nullptr)
             return false;
-        return quarl_inst_list_append(deferred_queue, far_end) != nullptr;
+        return quarl_node_queue_append(deferred_queue, far_end);
     }
     quarl_inst_edge_set_as_instrumented(uncalc_edge);
     uncalc_edge->m_is_forced_instrumented = 1;
@@ -309,17 +304,19 @@ extern "C" bool quarl_inst_graph_compute_remaining_edge(QuarlInstNode *node,
 
 extern "C" bool quarl_inst_graph_set_up_edge_formulas(QuarlInstGraph *graph)
 {
+    uint64_t formulas = 0;
+    for (uint32_t i = 0; i < graph->m_num_edges; ++i)
+        formulas += graph->m_edge_vec[i]->m_is_reachable && !graph->m_edge_vec[i]->m_is_instrumented;
+    QuarlInstBitsetBatch batch;
+    if (!quarl_inst_bitset_batch_create(&batch, graph->m_formula_mask_bits, 2 * formulas))
+        return false;
     for (uint32_t i = 0; i < graph->m_num_edges; ++i) {
         QuarlInstEdge *edge = graph->m_edge_vec[i];
         if (!edge->m_is_reachable) {
             quarl_inst_edge_set_as_computed(edge);
         } else if (!edge->m_is_instrumented) {
-            edge->m_additive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
-            if (edge->m_additive == nullptr)
-                return false;
-            edge->m_subtractive = quarl_inst_bitset_create(graph->m_formula_mask_bits);
-            if (edge->m_subtractive == nullptr)
-                return false;
+            edge->m_additive = quarl_inst_bitset_batch_take(&batch);
+            edge->m_subtractive = quarl_inst_bitset_batch_take(&batch);
         }
     }
     return true;
@@ -334,7 +331,7 @@ extern "C" bool quarl_inst_nodes_all_resolved(const uint8_t *remaining_nodes, ui
 }
 
 extern "C" bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph,
-                                                     QuarlInstList *ready_queue,
+                                                     QuarlNodeQueue *ready_queue,
                                                      uint8_t *remaining_nodes)
 {
     for (uint32_t i = 0; i < graph->m_num_nodes; ++i) {
@@ -342,8 +339,7 @@ extern "C" bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph,
         if (node == nullptr || !node->m_is_reachable)
             continue;
         remaining_nodes[i] = 1;
-        if (node->m_uncalculated_edges->m_count <= 1 &&
-            quarl_inst_list_append(ready_queue, node) == nullptr)
+        if (node->m_uncalculated_edges->m_count <= 1 && !quarl_node_queue_append(ready_queue, node))
             return false;
     }
     return true;
@@ -351,14 +347,14 @@ extern "C" bool quarl_inst_graph_populate_ready_queue(QuarlInstGraph *graph,
 
 extern "C" int quarl_inst_graph_adjust_instrumentation(QuarlInstGraph *graph)
 {
-    PlacementState state = {nullptr, nullptr, nullptr, nullptr};
+    PlacementState state = {QUARL_NODE_QUEUE_INIT, QUARL_NODE_QUEUE_INIT, nullptr, nullptr};
     int result = 0;
     if (create_scratch(&state, graph) && assign_formula_positions(graph) &&
         quarl_inst_graph_set_up_edge_formulas(graph) &&
-        quarl_inst_graph_populate_ready_queue(graph, state.ready_queue, state.remaining_nodes) &&
+        quarl_inst_graph_populate_ready_queue(graph, &state.ready_queue, state.remaining_nodes) &&
         build_immeasurable_mask(&state, graph) && run_round_one(&state)) {
         run_round_two(&state);
-        result = quarl_inst_nodes_all_resolved(state.remaining_nodes, graph->m_num_nodes) ? 1 : 0;
+        result = quarl_inst_nodes_all_resolved(state.remaining_nodes, graph->m_num_nodes);
     }
     release_scratch(&state);
     return result;

@@ -5,7 +5,7 @@
 namespace {
 
 struct RebuildState {
-    QuarlInstList *ready_queue;
+    QuarlNodeQueue ready_queue;
     uint8_t *remaining_nodes;
 };
 
@@ -53,10 +53,10 @@ bool assign_counter_positions(QuarlInstGraph *graph)
 bool resolve_ready_nodes(RebuildState *state)
 {
     QuarlInstNode *node;
-    while ((node = static_cast<QuarlInstNode *>(quarl_inst_list_pop_head(state->ready_queue)))) {
+    while ((node = quarl_node_queue_take(&state->ready_queue)) != nullptr) {
         if (node->m_uncalculated_edges->m_count == 0)
             state->remaining_nodes[node->m_seg_block_idx] = 0;
-        else if (!quarl_inst_graph_compute_remaining_edge(node, state->ready_queue, nullptr,
+        else if (!quarl_inst_graph_compute_remaining_edge(node, &state->ready_queue, nullptr,
                                                           nullptr, false,
                                                           state->remaining_nodes))
             return false;
@@ -74,48 +74,28 @@ bool all_nodes_resolved(const uint8_t *remaining_nodes, uint32_t num_nodes, bool
     return resolved;
 }
 
-// The positions set in one formula bitset, lowest first.
-uint32_t list_positions(const QuarlInstBitset *bitset, uint32_t *positions)
-{
-    uint32_t count = 0;
-    for (uint32_t chunk = 0; chunk < bitset->m_chunk_count; ++chunk) {
-        uint32_t bits = bitset->m_chunks[chunk];
-        while (bits != 0) {
-            positions[count++] = chunk * 32 + static_cast<uint32_t>(__builtin_ctz(bits));
-            bits &= bits - 1;
-        }
-    }
-    return count;
-}
-
-uint64_t sum_counts(const QuarlInstGraph *graph, const uint32_t *positions, uint32_t count)
+// The sum of the counts at the positions set in one formula bitset: every
+// chunk is looked at once, every set bit found directly.
+uint64_t sum_counts(const QuarlInstGraph *graph, const QuarlInstBitset *bitset)
 {
     uint64_t sum = 0;
-    for (uint32_t i = 0; i < count; ++i)
-        sum += quarl_inst_graph_get_edge_for_formula_position(graph, positions[i])->m_exec_count;
+    for (uint32_t chunk = 0; chunk < bitset->m_chunk_count; ++chunk) {
+        for (uint32_t bits = bitset->m_chunks[chunk]; bits != 0; bits &= bits - 1) {
+            uint32_t pos = chunk * 32 + static_cast<uint32_t>(__builtin_ctz(bits));
+            sum += quarl_inst_graph_get_edge_for_formula_position(graph, pos)->m_exec_count;
+        }
+    }
     return sum;
 }
 
-// Evaluates the edge's formula into *value; false when its scratch array
-// could not be had (the edge then keeps its count).
-bool evaluate_formula(QuarlInstEdge *edge, uint64_t *value)
+uint64_t evaluate_formula(QuarlInstEdge *edge)
 {
     const QuarlInstBitset *additive = edge->m_additive;
     const QuarlInstBitset *subtractive = edge->m_subtractive;
     QUARL_CHECK_FOR("quarl_inst_edge_execute_formula", additive != nullptr && subtractive != nullptr,
                     "additive != ((void *)0) && subtractive != ((void *)0)");
-    uint32_t *positions =
-        static_cast<uint32_t *>(quarl_mem_alloc_zeroed(additive->m_size, sizeof(uint32_t)));
-    if (positions == nullptr) {
-        *value = 0;
-        return false;
-    }
-    uint64_t count = sum_counts(edge->m_graph, positions, list_positions(additive, positions));
-    count -= sum_counts(edge->m_graph, positions, list_positions(subtractive, positions));
-    quarl_mem_free(positions);
-    edge->m_exec_count = count;
-    *value = count;
-    return true;
+    edge->m_exec_count = sum_counts(edge->m_graph, additive) - sum_counts(edge->m_graph, subtractive);
+    return edge->m_exec_count;
 }
 
 struct NodeSums {
@@ -151,19 +131,17 @@ bool load_counters(QuarlInstGraph *graph, const uint64_t *counters, uint32_t num
 
 extern "C" int32_t quarl_inst_graph_rebuild_formulas(QuarlInstGraph *graph, bool untrusted)
 {
-    RebuildState state = {quarl_inst_list_create(), nullptr};
+    RebuildState state = {QUARL_NODE_QUEUE_INIT,
+                          static_cast<uint8_t *>(quarl_mem_alloc_zeroed(graph->m_num_nodes, sizeof(uint8_t)))};
     int32_t result = 0;
-    if (state.ready_queue != nullptr)
-        state.remaining_nodes =
-            static_cast<uint8_t *>(quarl_mem_alloc_zeroed(graph->m_num_nodes, sizeof(uint8_t)));
     if (state.remaining_nodes != nullptr && !(untrusted && has_unreachable_counter(graph)) &&
         assign_counter_positions(graph) && quarl_inst_graph_set_up_edge_formulas(graph) &&
-        quarl_inst_graph_populate_ready_queue(graph, state.ready_queue, state.remaining_nodes) &&
+        quarl_inst_graph_populate_ready_queue(graph, &state.ready_queue, state.remaining_nodes) &&
         resolve_ready_nodes(&state) &&
         all_nodes_resolved(state.remaining_nodes, graph->m_num_nodes, untrusted))
         result = 1;
     quarl_mem_free(state.remaining_nodes);
-    quarl_inst_list_delete(state.ready_queue);
+    quarl_node_queue_release(&state.ready_queue);
     return result;
 }
 
@@ -189,9 +167,7 @@ extern "C" void quarl_inst_graph_deallocate_formulas(QuarlInstGraph *graph)
 
 extern "C" uint64_t quarl_inst_edge_execute_formula(QuarlInstEdge *edge)
 {
-    uint64_t value;
-    evaluate_formula(edge, &value);
-    return value;
+    return evaluate_formula(edge);
 }
 
 extern "C" bool quarl_inst_graph_propagate_counts(QuarlInstGraph *graph)
@@ -206,7 +182,6 @@ extern "C" bool quarl_inst_graph_propagate_counts(QuarlInstGraph *graph)
         release_sums(&sums);
         return false;
     }
-    bool complete = true;
     for (uint32_t i = 0; i < graph->m_num_edges; ++i) {
         QuarlInstEdge *edge = graph->m_edge_vec[i];
         if (edge == nullptr)
@@ -218,7 +193,7 @@ extern "C" bool quarl_inst_graph_propagate_counts(QuarlInstGraph *graph)
                         "src_node_idx < num && dest_node_idx < num");
         uint64_t count = edge->m_exec_count;
         if (!edge->m_is_instrumented && edge->m_is_reachable)
-            complete = evaluate_formula(edge, &count) && complete;
+            count = evaluate_formula(edge);
         sums.incoming[dest_node_idx] += count;
         sums.outgoing[src_node_idx] += count;
         // A count that could not be measured into the node: take the node's
@@ -232,7 +207,7 @@ extern "C" bool quarl_inst_graph_propagate_counts(QuarlInstGraph *graph)
             node->m_exec_count = sums.counted_by_outgoing[i] ? sums.outgoing[i] : sums.incoming[i];
     }
     release_sums(&sums);
-    return complete;
+    return true;
 }
 
 extern "C" void quarl_inst_graph_propagate_exec_counts(QuarlInstGraph *graph)

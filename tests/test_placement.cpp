@@ -24,11 +24,11 @@ std::string describe(const GraphPtr &graph, uint32_t count = UINT32_MAX)
     return text;
 }
 
-Positions blocks_in(const QuarlInstList *queue)
+Positions blocks_in(const QuarlNodeQueue &queue)
 {
     Positions blocks;
-    for (const void *node : list_items(queue))
-        blocks.push_back(static_cast<const QuarlInstNode *>(node)->m_seg_block_idx);
+    for (uint64_t i = queue.m_head; i < queue.m_tail; ++i)
+        blocks.push_back(queue.m_nodes[i]->m_seg_block_idx);
     return blocks;
 }
 
@@ -83,14 +83,14 @@ TEST(PlacementResolve, RemainingEdgeTable)
         std::string call = c.call;
         GraphPtr graph = build_graph(5, edges_of(c.edges));
         set_up_formulas(graph, c.computed);
-        QuarlInstList *ready = quarl_inst_list_create(), *deferred = quarl_inst_list_create();
+        QuarlNodeQueue ready = QUARL_NODE_QUEUE_INIT, deferred = QUARL_NODE_QUEUE_INIT;
         QuarlInstBitset *mask = bitset_with(c.mask, graph->m_num_edges);
         std::vector<uint8_t> remaining(5, 1);
         QuarlInstEdge *edge = edge_at(graph, 0);
         QuarlInstNode *node = node_at(graph, 0);
         if (call.find('R') != std::string::npos)
             remaining[(edge->m_dest == node ? edge->m_src : edge->m_dest)->m_seg_block_idx] = 0;
-        EXPECT_EQ(quarl_inst_graph_compute_remaining_edge(node, ready, call.find('D') != std::string::npos ? deferred : nullptr,
+        EXPECT_EQ(quarl_inst_graph_compute_remaining_edge(node, &ready, call.find('D') != std::string::npos ? &deferred : nullptr,
                                                           call.find('M') != std::string::npos ? mask : nullptr,
                                                           call.find('F') != std::string::npos, remaining.data()),
                   c.result);
@@ -100,8 +100,8 @@ TEST(PlacementResolve, RemainingEdgeTable)
         EXPECT_EQ(remaining[0], c.edge[0] == 'C' ? 0 : 1);
         EXPECT_EQ(quarl_inst_bitset_get_bit(mask, 0), c.masked);
         quarl_inst_bitset_delete(mask);
-        quarl_inst_list_delete(deferred);
-        quarl_inst_list_delete(ready);
+        quarl_node_queue_release(&deferred);
+        quarl_node_queue_release(&ready);
     }
 }
 
