@@ -70,6 +70,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         blocks.data(), num_blocks);
     check_nothing_live();
     FUZZ_CHECK(result == 0 || result == 1);
+    // The way through formulas, taken when traces are on, gives the same.
+    std::vector<uint64_t> formula_blocks(num_blocks, untouched);
+    FUZZ_CHECK(quarl_compute_blocks_with_formulas(words.data(), static_cast<uint32_t>(words.size()),
+                                                  counters.data(), num_counters,
+                                                  formula_blocks.data(), num_blocks) == result);
+    FUZZ_CHECK(formula_blocks == blocks);
+    check_nothing_live();
     if (result == 0) {
         for (uint64_t count : blocks)
             FUZZ_CHECK(count == untouched);

@@ -312,6 +312,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     if (used == 0)
         for (uint64_t count : blocks)
             FUZZ_CHECK(count == ~0ULL);
+    std::vector<uint64_t> formula_blocks(routine.num_nodes, ~0ULL);
+    FUZZ_CHECK(quarl_compute_blocks_with_formulas(words.data(), static_cast<uint32_t>(words.size()),
+                                                  counters.data(), num_counters,
+                                                  formula_blocks.data(), routine.num_nodes) == used);
+    FUZZ_CHECK(formula_blocks == blocks);
 
     if (well_formed(graph, placed)) {
         FUZZ_CHECK(used == 1);

@@ -160,6 +160,17 @@ uint64_t quarl_inst_edge_execute_formula(QuarlInstEdge *edge);
  * with no count changed, when its working memory could not be had. */
 bool quarl_inst_graph_propagate_counts(QuarlInstGraph *graph);
 
+/* The two ways of quarl_compute_blocks_from_edges(), same arguments, same
+ * results on every input: decoding into a graph, rebuilding its formulas
+ * and propagating counts (the way with traces); or flow conservation on
+ * flat arrays over the stored words, with one allocation. */
+int32_t quarl_compute_blocks_with_formulas(const uint32_t *buffer, uint32_t length,
+                                           const uint64_t *counters, uint32_t num_counters,
+                                           uint64_t *block_counts, uint32_t num_blocks);
+int32_t quarl_compute_blocks_by_conservation(const uint32_t *buffer, uint32_t length,
+                                             const uint64_t *counters, uint32_t num_counters,
+                                             uint64_t *block_counts, uint32_t num_blocks);
+
 /* ---- Encoding ----------------------------------------------------------------- */
 /* Packs one successor-list record (flag field, destination, counter) in the
  * format of encoded_graph and appends it; 1 on success, 0 when the stream

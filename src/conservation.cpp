@@ -1,0 +1,353 @@
+// Profile use by flow conservation on flat arrays: the stored words are read
+// in place, every edge of unknown count is fixed by plain arithmetic at the
+// node where it is the last unknown one, and no formula is built.
+//
+// It gives what decoding, the formula rebuild and propagation give, for
+// every input. In a rebuild that succeeds, the edges computed form a forest
+// (an edge is resolved at a node only once every other edge of that node is
+// settled, so no cycle of computed edges can close), and the formula of an
+// edge expands, through the formulas of the edges it was derived from, into
+// the counter edges at the nodes of its subtree, all with the same sign
+// factor. A counter with both ends in the subtree enters twice with
+// opposite signs and cancels, a self-loop enters once (it counts as
+// incoming), so no position is ever united with itself and the formula's
+// value is the plain arithmetic sum modulo 2^64. Which end resolves an edge
+// can matter when the counters contradict each other, so nodes are taken
+// in the same first-in first-out order as the rebuild.
+#include <type_traits>
+
+#include "edgeinst_internal.h"
+
+namespace {
+
+const uint8_t stored_instrumented = 0x1;
+const uint8_t stored_reachable = 0x2;
+const uint8_t stored_immeasurable = 0x4;
+const uint8_t stored_pseudo = 0x8;
+
+// Node states.
+const uint8_t node_reachable = 0x1;
+const uint8_t node_remaining = 0x2;
+const uint8_t node_counted_by_outgoing = 0x4;
+
+// An edge-list index this far beyond the number of records cannot be real
+// (the decoder's bound).
+const uint64_t edge_list_index_slack = 1024;
+
+uint32_t read_u32_at(const uint8_t *bytes, uint64_t at)
+{
+    return bytes[at] | uint32_t{bytes[at + 1]} << 8 | uint32_t{bytes[at + 2]} << 16 |
+           uint32_t{bytes[at + 3]} << 24;
+}
+
+struct StoredEdge {
+    uint32_t src, dest, counter;
+    uint8_t flags; // stored_* bits
+};
+
+// Calls visit(edge) for each edge of the stored words, in record order, and
+// refuses what the decoder refuses: false for words that do not decode.
+template <typename Visit>
+bool for_each_stored_edge(const uint32_t *buffer, uint32_t length, Visit visit)
+{
+    if (length == 0 || length > UINT32_MAX / 4)
+        return false;
+    const uint8_t *bytes = reinterpret_cast<const uint8_t *>(buffer);
+    const uint64_t end = uint64_t{length} * 4;
+    uint32_t format = read_u32_at(bytes, 0);
+    if (format >= c_encode_last)
+        return false;
+    const uint64_t payload = end - 4;
+    if (format == c_encode_from_to) {
+        uint64_t index_bound = 16 * (payload / 16) + edge_list_index_slack;
+        if (index_bound > QUARL_MAX_BLOCK_IDX_EXCLUSIVE)
+            index_bound = QUARL_MAX_BLOCK_IDX_EXCLUSIVE;
+        for (uint64_t at = 4; at < end; at += 16) {
+            if (at + 16 > end)
+                return false;
+            uint32_t flags = read_u32_at(bytes, at + 8);
+            StoredEdge edge = {read_u32_at(bytes, at), read_u32_at(bytes, at + 4),
+                               read_u32_at(bytes, at + 12),
+                               static_cast<uint8_t>(flags & (stored_instrumented | stored_reachable |
+                                                             stored_immeasurable))};
+            if (edge.src >= index_bound || edge.dest >= index_bound)
+                return false;
+            visit(edge);
+        }
+        return true;
+    }
+    const uint64_t record_bytes = format == c_encode16 ? 2 : format == c_encode32 ? 4 : 12;
+    const uint64_t record_count = payload / record_bytes;
+    uint32_t src = 0;
+    for (uint64_t at = 4; at < end; at += record_bytes) {
+        if (at + record_bytes > end)
+            return false;
+        uint32_t flags, dest, counter;
+        if (format == c_encode16) {
+            uint32_t unit = bytes[at] | uint32_t{bytes[at + 1]} << 8;
+            if (unit == 0) { // an empty record, or the padding of a stored stream
+                ++src;
+                continue;
+            }
+            flags = unit >> 10, dest = (unit >> 5) & 31, counter = unit & 31;
+        } else if (format == c_encode32) {
+            uint32_t unit = read_u32_at(bytes, at);
+            flags = unit >> 26, dest = (unit >> 13) & 0x1fff, counter = unit & 0x1fff;
+        } else {
+            flags = read_u32_at(bytes, at) & 0x3f;
+            dest = read_u32_at(bytes, at + 4);
+            counter = read_u32_at(bytes, at + 8);
+        }
+        if (dest >= record_count)
+            return false;
+        visit(StoredEdge{src, dest, counter,
+                         static_cast<uint8_t>((flags & 0x10 ? stored_instrumented : 0) |
+                                              (flags & 0x08 ? stored_reachable : 0) |
+                                              (flags & 0x04 ? stored_immeasurable : 0) |
+                                              (flags & 0x02 ? stored_pseudo : 0))});
+        if (!(flags & 0x20))
+            ++src;
+    }
+    return true;
+}
+
+// All working memory, in one block.
+struct Solver {
+    uint32_t num_edges, num_nodes;
+    uint64_t *value;          // per edge: loaded, computed, or 0
+    uint64_t *incoming;       // per node
+    uint64_t *outgoing;       // per node
+    uint32_t *src, *dest, *counter; // per edge
+    uint32_t *first_adjacent; // per node + 1: where its edges start in adjacent
+    uint32_t *adjacent;       // edge indices, node by node; a self-loop once
+    uint32_t *unsettled;      // per node: edges neither instrumented nor computed
+    uint32_t *unsettled_xor;  // per node: XOR of those edges' indices
+    uint32_t *queue;          // nodes, first in first out
+    uint8_t *flags;           // per edge: stored_* bits
+    uint8_t *state;           // per node: node_* bits
+    void *block;
+};
+
+bool reachable(const Solver &s, uint32_t e) { return s.flags[e] & stored_reachable; }
+bool instrumented(const Solver &s, uint32_t e) { return s.flags[e] & stored_instrumented; }
+
+// Carves the arrays from one allocation, widest first so that each is
+// aligned.
+bool allocate(Solver &s)
+{
+    const uint64_t edges = s.num_edges, nodes = s.num_nodes;
+    const uint64_t bytes = 8 * (edges + 2 * nodes) +
+                           4 * (3 * edges + (nodes + 1) + 2 * edges + 2 * nodes + (nodes + edges)) +
+                           edges + nodes;
+    if (bytes > SIZE_MAX)
+        return false;
+    s.block = quarl_mem_alloc(static_cast<size_t>(bytes));
+    if (s.block == nullptr)
+        return false;
+    char *at = static_cast<char *>(s.block);
+    auto carve = [&at](auto **array, uint64_t count) {
+        *array = reinterpret_cast<std::remove_reference_t<decltype(**array)> *>(at);
+        at += count * sizeof(**array);
+    };
+    carve(&s.value, edges);
+    carve(&s.incoming, nodes);
+    carve(&s.outgoing, nodes);
+    carve(&s.src, edges);
+    carve(&s.dest, edges);
+    carve(&s.counter, edges);
+    carve(&s.first_adjacent, nodes + 1);
+    carve(&s.adjacent, 2 * edges);
+    carve(&s.unsettled, nodes);
+    carve(&s.unsettled_xor, nodes);
+    carve(&s.queue, nodes + edges);
+    carve(&s.flags, edges);
+    carve(&s.state, nodes);
+    return true;
+}
+
+// The edges and their nodes as the decoder would make them, the counters
+// loaded as the entry point loads them. False where the rebuild or the
+// loading refuses the data: an instrumented edge that is not reachable, or
+// a measurable counter edge whose index is not below num_counters.
+bool load_edges(Solver &s, const uint32_t *buffer, uint32_t length, const uint64_t *counters,
+                uint32_t num_counters)
+{
+    for (uint32_t n = 0; n < s.num_nodes; ++n) {
+        s.state[n] = 0;
+        s.incoming[n] = s.outgoing[n] = 0;
+        s.unsettled[n] = s.unsettled_xor[n] = 0;
+        s.first_adjacent[n] = 0;
+    }
+    s.first_adjacent[s.num_nodes] = 0;
+    uint32_t e = 0;
+    bool valid = true;
+    for_each_stored_edge(buffer, length, [&](const StoredEdge &edge) {
+        s.src[e] = edge.src;
+        s.dest[e] = edge.dest;
+        s.counter[e] = edge.counter;
+        s.flags[e] = edge.flags;
+        bool counted = edge.flags & stored_instrumented;
+        if (counted && !(edge.flags & stored_reachable))
+            valid = false;
+        bool measured = counted && !(edge.flags & stored_immeasurable);
+        if (measured && edge.counter >= num_counters)
+            valid = false;
+        s.value[e] = measured && valid ? counters[edge.counter] : 0;
+        if (edge.flags & stored_reachable)
+            s.state[edge.dest] |= node_reachable;
+        s.first_adjacent[edge.src + 1]++;
+        if (edge.dest != edge.src)
+            s.first_adjacent[edge.dest + 1]++;
+        ++e;
+    });
+    return valid;
+}
+
+void build_adjacency(Solver &s)
+{
+    for (uint32_t n = 0; n < s.num_nodes; ++n)
+        s.first_adjacent[n + 1] += s.first_adjacent[n];
+    // unsettled doubles as the fill position of each node's run for a
+    // moment; it is counted afresh below.
+    for (uint32_t n = 0; n < s.num_nodes; ++n)
+        s.unsettled[n] = s.first_adjacent[n];
+    for (uint32_t e = 0; e < s.num_edges; ++e) {
+        s.adjacent[s.unsettled[s.src[e]]++] = e;
+        if (s.dest[e] != s.src[e])
+            s.adjacent[s.unsettled[s.dest[e]]++] = e;
+    }
+    for (uint32_t n = 0; n < s.num_nodes; ++n)
+        s.unsettled[n] = 0;
+    // Unreachable edges count 0 and instrumented ones carry their counter:
+    // both are settled from the start.
+    for (uint32_t e = 0; e < s.num_edges; ++e) {
+        if (!reachable(s, e) || instrumented(s, e))
+            continue;
+        s.unsettled[s.src[e]]++;
+        s.unsettled_xor[s.src[e]] ^= e;
+        if (s.dest[e] != s.src[e]) {
+            s.unsettled[s.dest[e]]++;
+            s.unsettled_xor[s.dest[e]] ^= e;
+        }
+    }
+}
+
+void settle(Solver &s, uint32_t e)
+{
+    s.unsettled[s.src[e]]--;
+    s.unsettled_xor[s.src[e]] ^= e;
+    if (s.dest[e] != s.src[e]) {
+        s.unsettled[s.dest[e]]--;
+        s.unsettled_xor[s.dest[e]] ^= e;
+    }
+}
+
+// The node's last unsettled edge by conservation at the node: the edges on
+// the other side of the node added, those on its own side subtracted; a
+// self-loop counts as incoming.
+void resolve_last_edge(Solver &s, uint32_t node, uint32_t last)
+{
+    bool last_incoming = s.dest[last] == node;
+    uint64_t count = 0;
+    for (uint32_t i = s.first_adjacent[node]; i < s.first_adjacent[node + 1]; ++i) {
+        uint32_t e = s.adjacent[i];
+        if (e == last || !reachable(s, e))
+            continue;
+        if ((s.dest[e] == node) != last_incoming)
+            count += s.value[e];
+        else
+            count -= s.value[e];
+    }
+    s.value[last] = count;
+    settle(s, last);
+}
+
+// The ready-queue resolution of the rebuild; false when some reachable node
+// is left unresolved.
+bool resolve(Solver &s)
+{
+    uint64_t head = 0, tail = 0;
+    for (uint32_t n = 0; n < s.num_nodes; ++n) {
+        if (!(s.state[n] & node_reachable))
+            continue;
+        s.state[n] |= node_remaining;
+        if (s.unsettled[n] <= 1)
+            s.queue[tail++] = n;
+    }
+    while (head < tail) {
+        uint32_t node = s.queue[head++];
+        if (s.unsettled[node] > 1)
+            return false;
+        if (s.unsettled[node] == 1) {
+            uint32_t last = s.unsettled_xor[node];
+            resolve_last_edge(s, node, last);
+            uint32_t far_end = s.dest[last] == node ? s.src[last] : s.dest[last];
+            s.state[node] &= static_cast<uint8_t>(~node_remaining);
+            if (s.unsettled[far_end] <= 1 && (s.state[far_end] & node_remaining)) {
+                QUARL_CHECK_FOR("quarl_compute_blocks_from_edges", tail < uint64_t{s.num_nodes} + s.num_edges,
+                                "tail < num_nodes + num_edges");
+                s.queue[tail++] = far_end;
+            }
+        } else {
+            s.state[node] &= static_cast<uint8_t>(~node_remaining);
+        }
+    }
+    for (uint32_t n = 0; n < s.num_nodes; ++n)
+        if (s.state[n] & node_remaining)
+            return false;
+    return true;
+}
+
+// A node's count is the total of the edges entering it, or of those leaving
+// it when an immeasurable edge (instrumented, or not pseudo) enters it.
+void count_blocks(Solver &s, uint64_t *block_counts, uint32_t num_blocks)
+{
+    for (uint32_t e = 0; e < s.num_edges; ++e) {
+        s.incoming[s.dest[e]] += s.value[e];
+        s.outgoing[s.src[e]] += s.value[e];
+        if ((s.flags[e] & stored_immeasurable) &&
+            (instrumented(s, e) || !(s.flags[e] & stored_pseudo)))
+            s.state[s.dest[e]] |= node_counted_by_outgoing;
+    }
+    for (uint32_t b = 0; b < num_blocks; ++b) {
+        if (b >= s.num_nodes)
+            block_counts[b] = 0;
+        else
+            block_counts[b] = (s.state[b] & node_counted_by_outgoing) ? s.outgoing[b] : s.incoming[b];
+    }
+}
+
+} // namespace
+
+extern "C" int32_t quarl_compute_blocks_by_conservation(const uint32_t *buffer, uint32_t length,
+                                                       const uint64_t *counters,
+                                                       uint32_t num_counters,
+                                                       uint64_t *block_counts, uint32_t num_blocks)
+{
+    // First pass: check the words and size the arrays.
+    Solver s = {};
+    uint64_t edges = 0, nodes = 0;
+    if (!for_each_stored_edge(buffer, length, [&](const StoredEdge &edge) {
+            ++edges;
+            uint64_t highest = edge.src > edge.dest ? edge.src : edge.dest;
+            if (highest + 1 > nodes)
+                nodes = highest + 1;
+        }))
+        return 0;
+    if (edges > UINT32_MAX - 1 || nodes > UINT32_MAX - 1)
+        return 0;
+    s.num_edges = static_cast<uint32_t>(edges);
+    s.num_nodes = static_cast<uint32_t>(nodes);
+    if (!allocate(s))
+        return 0;
+    int32_t result = 0;
+    if (load_edges(s, buffer, length, counters, num_counters)) {
+        build_adjacency(s);
+        if (resolve(s)) {
+            count_blocks(s, block_counts, num_blocks);
+            result = 1;
+        }
+    }
+    quarl_mem_free(s.block);
+    return result;
+}
