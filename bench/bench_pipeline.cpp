@@ -88,47 +88,40 @@ void BM_Placement(benchmark::State &state)
     report(state, routine.edges.size(), heap);
 }
 
-void BM_ProfileUse(benchmark::State &state)
+// Times solve(words, counters, blocks) on the routine's stored words after
+// one metered call, whose block counts must equal the flat solver's.
+template <typename Solve> void time_profile_use(benchmark::State &state, Solve solve)
 {
     CompiledRoutine routine = quarl_bench::make_compiled_routine(uint32_t(state.range(0)), routine_seed);
     StoredRoutine stored = store(routine);
-    std::vector<uint64_t> blocks(stored.num_blocks);
-    auto use = [&] {
-        return quarl_compute_blocks_from_edges(stored.words.data(), uint32_t(stored.words.size()),
-                                               stored.counters.data(),
-                                               uint32_t(stored.counters.size()), blocks.data(),
-                                               stored.num_blocks);
-    };
+    std::vector<uint64_t> blocks(stored.num_blocks), floor(stored.num_blocks);
     quarl_bench::heap_meter_start();
-    int32_t used = use();
+    bool solved = solve(stored, blocks.data());
     quarl_bench::HeapUse heap = quarl_bench::heap_meter_stop();
-    std::vector<uint64_t> floor(stored.num_blocks);
-    if (used != 1 || !quarl_bench::flat_solve_block_counts(stored.words.data(), uint32_t(stored.words.size()),
-                                                           stored.counters.data(), floor.data(),
-                                                           stored.num_blocks) ||
+    if (!solved || !quarl_bench::flat_solve_block_counts(stored.words.data(), uint32_t(stored.words.size()),
+                                                         stored.counters.data(), floor.data(), stored.num_blocks) ||
         floor != blocks)
         state.SkipWithError("profile use failed or disagrees with the flat solver");
     for (auto _ : state)
-        benchmark::DoNotOptimize(use());
+        benchmark::DoNotOptimize(solve(stored, blocks.data()));
     report(state, routine.edges.size(), heap);
+}
+
+void BM_ProfileUse(benchmark::State &state)
+{
+    time_profile_use(state, [](const StoredRoutine &stored, uint64_t *blocks) {
+        return quarl_compute_blocks_from_edges(stored.words.data(), uint32_t(stored.words.size()),
+                                               stored.counters.data(), uint32_t(stored.counters.size()),
+                                               blocks, stored.num_blocks) == 1;
+    });
 }
 
 void BM_FlatSolver(benchmark::State &state)
 {
-    CompiledRoutine routine = quarl_bench::make_compiled_routine(uint32_t(state.range(0)), routine_seed);
-    StoredRoutine stored = store(routine);
-    std::vector<uint64_t> blocks(stored.num_blocks);
-    auto solve = [&] {
+    time_profile_use(state, [](const StoredRoutine &stored, uint64_t *blocks) {
         return quarl_bench::flat_solve_block_counts(stored.words.data(), uint32_t(stored.words.size()),
-                                                    stored.counters.data(), blocks.data(),
-                                                    stored.num_blocks);
-    };
-    quarl_bench::heap_meter_start();
-    solve();
-    quarl_bench::HeapUse heap = quarl_bench::heap_meter_stop();
-    for (auto _ : state)
-        benchmark::DoNotOptimize(solve());
-    report(state, routine.edges.size(), heap);
+                                                    stored.counters.data(), blocks, stored.num_blocks);
+    });
 }
 
 void sizes(benchmark::internal::Benchmark *bench)

@@ -5,14 +5,6 @@
 
 namespace {
 
-// Flag field of a successor-list record.
-const uint32_t flag_more_follows = 0x20;
-const uint32_t flag_instrumented = 0x10;
-const uint32_t flag_reachable = 0x08;
-const uint32_t flag_immeasurable = 0x04;
-const uint32_t flag_pseudo = 0x02;
-const uint32_t flag_field_mask = 0x3f;
-
 // Flags of an edge-list record.
 const uint32_t list_flag_instrumented = 0x1;
 const uint32_t list_flag_reachable = 0x2;
@@ -23,6 +15,11 @@ const uint32_t encode32_index_mask = 0x1fff;
 
 // An edge-list index this far beyond the number of records cannot be real.
 const uint64_t edge_list_index_slack = 1024;
+
+uint32_t load_u32(const uint8_t *bytes)
+{
+    return bytes[0] | uint32_t{bytes[1]} << 8 | uint32_t{bytes[2]} << 16 | uint32_t{bytes[3]} << 24;
+}
 
 // Bytes after the format word; a stream may end inside that word.
 uint32_t payload_bytes(const QuarlStream *stream)
@@ -44,15 +41,6 @@ uint32_t write_u32(QuarlStream *stream, uint32_t value)
     return quarl_stream_write(stream, bytes, 4, 1);
 }
 
-bool read_u16(QuarlStream *stream, uint32_t *value)
-{
-    uint8_t bytes[2];
-    if (quarl_stream_read(stream, bytes, 2, 1) != 1)
-        return false;
-    *value = bytes[0] | uint32_t{bytes[1]} << 8;
-    return true;
-}
-
 bool read_u32(QuarlStream *stream, uint32_t *value)
 {
     uint8_t bytes[4];
@@ -72,10 +60,6 @@ QuarlEncodingFormat choose_format(const QuarlInstGraph *graph)
     return c_encode96;
 }
 
-uint32_t successor_record_bytes(QuarlEncodingFormat format)
-{
-    return format == c_encode16 ? 2 : format == c_encode32 ? 4 : 12;
-}
 
 // The next edge of the node's list, from element on, that leaves the node.
 const QuarlInstListElement *next_out_edge(const QuarlInstListElement *element,
@@ -88,11 +72,11 @@ const QuarlInstListElement *next_out_edge(const QuarlInstListElement *element,
 
 uint32_t edge_flag_field(const QuarlInstEdge *edge, bool more_follows)
 {
-    return (more_follows ? flag_more_follows : 0) |
-           (edge->m_is_instrumented ? flag_instrumented : 0) |
-           (edge->m_is_reachable ? flag_reachable : 0) |
-           (edge->m_is_immeasurable ? flag_immeasurable : 0) |
-           (edge->m_is_pseudo ? flag_pseudo : 0);
+    return (more_follows ? QUARL_RECORD_MORE_FOLLOWS : 0) |
+           (edge->m_is_instrumented ? QUARL_RECORD_INSTRUMENTED : 0) |
+           (edge->m_is_reachable ? QUARL_RECORD_REACHABLE : 0) |
+           (edge->m_is_immeasurable ? QUARL_RECORD_IMMEASURABLE : 0) |
+           (edge->m_is_pseudo ? QUARL_RECORD_PSEUDO : 0);
 }
 
 // One node's successor records; a node without out-edges gives the empty
@@ -140,97 +124,76 @@ QuarlInstEdge *add_decoded_edge(QuarlInstGraph *graph, uint32_t src_idx, uint32_
     return quarl_inst_graph_add_edge(graph, src, dest);
 }
 
-void mark_reachable(QuarlInstEdge *edge)
+// The flags a record carries, set on its decoded edge.
+void apply_record_flags(QuarlInstEdge *edge, uint32_t flags)
 {
-    edge->m_is_reachable = 1;
-    edge->m_dest->m_is_reachable = 1;
+    if (flags & QUARL_RECORD_INSTRUMENTED)
+        quarl_inst_edge_set_as_instrumented(edge);
+    if (flags & QUARL_RECORD_REACHABLE) {
+        edge->m_is_reachable = 1;
+        edge->m_dest->m_is_reachable = 1;
+    }
+    if (flags & QUARL_RECORD_IMMEASURABLE)
+        edge->m_is_immeasurable = 1;
+    if (flags & QUARL_RECORD_PSEUDO)
+        edge->m_is_pseudo = 1;
+}
+
+// Reads the next record's bytes as the stream gives them: one unit, or the
+// three words of a c_encode96 record one by one.
+bool read_record_bytes(QuarlStream *stream, QuarlEncodingFormat format, uint8_t *bytes)
+{
+    if (format != c_encode96 && format != c_encode_from_to)
+        return quarl_stream_read(stream, bytes, quarl_stored_record_bytes(format), 1) == 1;
+    for (uint32_t at = 0; at < quarl_stored_record_bytes(format); at += 4)
+        if (quarl_stream_read(stream, bytes + at, 4, 1) != 1)
+            return false;
+    return true;
 }
 
 uint32_t decode_edge_list(QuarlStream *stream, QuarlInstGraph *graph)
 {
-    uint64_t index_bound = 16 * uint64_t{payload_bytes(stream) / 16} + edge_list_index_slack;
-    if (quarl_stream_eof(stream))
-        return 1;
-    for (;;) {
-        uint32_t src_idx, dest_idx, flags, counter_idx;
-        if (!read_u32(stream, &src_idx) || !read_u32(stream, &dest_idx) ||
-            !read_u32(stream, &flags) || !read_u32(stream, &counter_idx))
+    uint64_t index_bound = quarl_stored_index_bound(c_encode_from_to, payload_bytes(stream));
+    while (!quarl_stream_eof(stream)) {
+        uint8_t bytes[16];
+        uint32_t src_idx;
+        QuarlStoredRecord record;
+        if (!read_record_bytes(stream, c_encode_from_to, bytes))
             return 0;
-        if (src_idx >= index_bound || dest_idx >= index_bound)
+        quarl_edge_list_record_unpack(bytes, &src_idx, &record);
+        if (src_idx >= index_bound || record.dest_idx >= index_bound)
             return 0;
-        QuarlInstEdge *edge = add_decoded_edge(graph, src_idx, dest_idx, false);
+        QuarlInstEdge *edge = add_decoded_edge(graph, src_idx, record.dest_idx, false);
         if (edge == nullptr)
             return 0;
-        if (flags & list_flag_instrumented)
-            quarl_inst_edge_set_as_instrumented(edge);
-        if (flags & list_flag_reachable)
-            mark_reachable(edge);
-        if (flags & list_flag_immeasurable)
-            edge->m_is_immeasurable = 1;
-        edge->m_counter_idx = counter_idx;
-        if (quarl_stream_eof(stream))
-            return 1;
+        apply_record_flags(edge, record.flags);
+        edge->m_counter_idx = record.counter_idx;
     }
-}
-
-bool read_successor_record(QuarlStream *stream, QuarlEncodingFormat format, uint32_t *flags,
-                           uint32_t *dest_idx, uint32_t *counter_idx)
-{
-    uint32_t unit;
-    switch (format) {
-    case c_encode16:
-        if (!read_u16(stream, &unit))
-            return false;
-        *flags = unit >> 10;
-        *dest_idx = (unit >> 5) & encode16_index_mask;
-        *counter_idx = unit & encode16_index_mask;
-        return true;
-    case c_encode32:
-        if (!read_u32(stream, &unit))
-            return false;
-        *flags = unit >> 26;
-        *dest_idx = (unit >> 13) & encode32_index_mask;
-        *counter_idx = unit & encode32_index_mask;
-        return true;
-    default:
-        if (!read_u32(stream, flags) || !read_u32(stream, dest_idx) ||
-            !read_u32(stream, counter_idx))
-            return false;
-        *flags &= flag_field_mask;
-        return true;
-    }
+    return 1;
 }
 
 uint32_t decode_successor_lists(QuarlStream *stream, QuarlEncodingFormat format,
                                 QuarlInstGraph *graph)
 {
-    // The encoder writes at least one record per node, so a destination
-    // at or beyond the number of records cannot be real.
-    uint32_t record_count = payload_bytes(stream) / successor_record_bytes(format);
+    uint64_t dest_bound = quarl_stored_index_bound(format, payload_bytes(stream));
     uint32_t src_idx = 0;
     while (!quarl_stream_eof(stream)) {
-        uint32_t flags, dest_idx, counter_idx;
-        if (!read_successor_record(stream, format, &flags, &dest_idx, &counter_idx))
+        uint8_t bytes[12];
+        QuarlStoredRecord record;
+        if (!read_record_bytes(stream, format, bytes))
             return 0;
-        if (format == c_encode16 && flags == 0 && dest_idx == 0 && counter_idx == 0) {
+        if (!quarl_successor_record_unpack(format, bytes, &record)) {
             ++src_idx; // an empty record, or the padding of a stored stream
             continue;
         }
-        if (dest_idx >= record_count)
+        if (record.dest_idx >= dest_bound)
             return 0;
-        QuarlInstEdge *edge = add_decoded_edge(graph, src_idx, dest_idx, true);
+        QuarlInstEdge *edge = add_decoded_edge(graph, src_idx, record.dest_idx, true);
         if (edge == nullptr)
             return 0;
-        edge->m_counter_idx = counter_idx;
-        if (flags & flag_instrumented)
-            quarl_inst_edge_set_as_instrumented(edge);
-        if (flags & flag_reachable)
-            mark_reachable(edge);
-        if (flags & flag_immeasurable)
-            edge->m_is_immeasurable = 1;
-        if (flags & flag_pseudo)
-            edge->m_is_pseudo = 1;
-        if (!(flags & flag_more_follows))
+        edge->m_counter_idx = record.counter_idx;
+        apply_record_flags(edge, record.flags);
+        if (!(record.flags & QUARL_RECORD_MORE_FOLLOWS))
             ++src_idx;
     }
     return 1;
@@ -245,6 +208,60 @@ void trace_decoded_graph(const QuarlInstGraph *graph)
 }
 
 } // namespace
+
+extern "C" uint32_t quarl_stored_record_bytes(QuarlEncodingFormat format)
+{
+    return format == c_encode16 ? 2 : format == c_encode32 ? 4 : format == c_encode96 ? 12 : 16;
+}
+
+extern "C" uint64_t quarl_stored_index_bound(QuarlEncodingFormat format, uint32_t payload_bytes)
+{
+    // The encoder writes at least one record per node, so a destination at
+    // or beyond the number of records cannot be real; nor can an edge-list
+    // index far beyond the number of records, or one the node vector cannot
+    // take.
+    if (format != c_encode_from_to)
+        return payload_bytes / quarl_stored_record_bytes(format);
+    uint64_t bound = 16 * uint64_t{payload_bytes / 16} + edge_list_index_slack;
+    return bound < QUARL_MAX_BLOCK_IDX_EXCLUSIVE ? bound : QUARL_MAX_BLOCK_IDX_EXCLUSIVE;
+}
+
+extern "C" bool quarl_successor_record_unpack(QuarlEncodingFormat format, const uint8_t *bytes,
+                                             QuarlStoredRecord *record)
+{
+    uint32_t unit;
+    switch (format) {
+    case c_encode16:
+        unit = bytes[0] | uint32_t{bytes[1]} << 8;
+        record->flags = unit >> 10;
+        record->dest_idx = (unit >> 5) & encode16_index_mask;
+        record->counter_idx = unit & encode16_index_mask;
+        return unit != 0;
+    case c_encode32:
+        unit = load_u32(bytes);
+        record->flags = unit >> 26;
+        record->dest_idx = (unit >> 13) & encode32_index_mask;
+        record->counter_idx = unit & encode32_index_mask;
+        return true;
+    default:
+        record->flags = load_u32(bytes) & 0x3f; // the bits above the flag field are ignored
+        record->dest_idx = load_u32(bytes + 4);
+        record->counter_idx = load_u32(bytes + 8);
+        return true;
+    }
+}
+
+extern "C" void quarl_edge_list_record_unpack(const uint8_t *bytes, uint32_t *src_idx,
+                                             QuarlStoredRecord *record)
+{
+    uint32_t flags = load_u32(bytes + 8);
+    *src_idx = load_u32(bytes);
+    record->dest_idx = load_u32(bytes + 4);
+    record->counter_idx = load_u32(bytes + 12);
+    record->flags = (flags & list_flag_instrumented ? QUARL_RECORD_INSTRUMENTED : 0) |
+                    (flags & list_flag_reachable ? QUARL_RECORD_REACHABLE : 0) |
+                    (flags & list_flag_immeasurable ? QUARL_RECORD_IMMEASURABLE : 0);
+}
 
 extern "C" uint32_t quarl_encoded_graph_encode_edge_succ_list_format(
     QuarlEncodedGraph *encoded_graph, uint32_t flags, uint32_t dest_idx, uint32_t counter_idx)

@@ -20,19 +20,10 @@
 
 namespace {
 
-const uint8_t stored_instrumented = 0x1;
-const uint8_t stored_reachable = 0x2;
-const uint8_t stored_immeasurable = 0x4;
-const uint8_t stored_pseudo = 0x8;
-
 // Node states.
 const uint8_t node_reachable = 0x1;
 const uint8_t node_remaining = 0x2;
 const uint8_t node_counted_by_outgoing = 0x4;
-
-// An edge-list index this far beyond the number of records cannot be real
-// (the decoder's bound).
-const uint64_t edge_list_index_slack = 1024;
 
 uint32_t read_u32_at(const uint8_t *bytes, uint64_t at)
 {
@@ -41,8 +32,8 @@ uint32_t read_u32_at(const uint8_t *bytes, uint64_t at)
 }
 
 struct StoredEdge {
-    uint32_t src, dest, counter;
-    uint8_t flags; // stored_* bits
+    uint32_t src;
+    QuarlStoredRecord record;
 };
 
 // Calls visit(edge) for each edge of the stored words, in record order, and
@@ -54,59 +45,32 @@ bool for_each_stored_edge(const uint32_t *buffer, uint32_t length, Visit visit)
         return false;
     const uint8_t *bytes = reinterpret_cast<const uint8_t *>(buffer);
     const uint64_t end = uint64_t{length} * 4;
-    uint32_t format = read_u32_at(bytes, 0);
-    if (format >= c_encode_last)
+    uint32_t format_id = read_u32_at(bytes, 0);
+    if (format_id >= c_encode_last)
         return false;
-    const uint64_t payload = end - 4;
-    if (format == c_encode_from_to) {
-        uint64_t index_bound = 16 * (payload / 16) + edge_list_index_slack;
-        if (index_bound > QUARL_MAX_BLOCK_IDX_EXCLUSIVE)
-            index_bound = QUARL_MAX_BLOCK_IDX_EXCLUSIVE;
-        for (uint64_t at = 4; at < end; at += 16) {
-            if (at + 16 > end)
-                return false;
-            uint32_t flags = read_u32_at(bytes, at + 8);
-            StoredEdge edge = {read_u32_at(bytes, at), read_u32_at(bytes, at + 4),
-                               read_u32_at(bytes, at + 12),
-                               static_cast<uint8_t>(flags & (stored_instrumented | stored_reachable |
-                                                             stored_immeasurable))};
-            if (edge.src >= index_bound || edge.dest >= index_bound)
-                return false;
-            visit(edge);
-        }
-        return true;
-    }
-    const uint64_t record_bytes = format == c_encode16 ? 2 : format == c_encode32 ? 4 : 12;
-    const uint64_t record_count = payload / record_bytes;
-    uint32_t src = 0;
+    QuarlEncodingFormat format = static_cast<QuarlEncodingFormat>(format_id);
+    const uint64_t record_bytes = quarl_stored_record_bytes(format);
+    const uint64_t index_bound = quarl_stored_index_bound(format, static_cast<uint32_t>(end - 4));
+    StoredEdge edge = {0, {0, 0, 0}};
     for (uint64_t at = 4; at < end; at += record_bytes) {
         if (at + record_bytes > end)
             return false;
-        uint32_t flags, dest, counter;
-        if (format == c_encode16) {
-            uint32_t unit = bytes[at] | uint32_t{bytes[at + 1]} << 8;
-            if (unit == 0) { // an empty record, or the padding of a stored stream
-                ++src;
-                continue;
-            }
-            flags = unit >> 10, dest = (unit >> 5) & 31, counter = unit & 31;
-        } else if (format == c_encode32) {
-            uint32_t unit = read_u32_at(bytes, at);
-            flags = unit >> 26, dest = (unit >> 13) & 0x1fff, counter = unit & 0x1fff;
-        } else {
-            flags = read_u32_at(bytes, at) & 0x3f;
-            dest = read_u32_at(bytes, at + 4);
-            counter = read_u32_at(bytes, at + 8);
+        if (format == c_encode_from_to) {
+            quarl_edge_list_record_unpack(bytes + at, &edge.src, &edge.record);
+            if (edge.src >= index_bound || edge.record.dest_idx >= index_bound)
+                return false;
+            visit(edge);
+            continue;
         }
-        if (dest >= record_count)
+        if (!quarl_successor_record_unpack(format, bytes + at, &edge.record)) {
+            ++edge.src; // an empty record, or the padding of a stored stream
+            continue;
+        }
+        if (edge.record.dest_idx >= index_bound)
             return false;
-        visit(StoredEdge{src, dest, counter,
-                         static_cast<uint8_t>((flags & 0x10 ? stored_instrumented : 0) |
-                                              (flags & 0x08 ? stored_reachable : 0) |
-                                              (flags & 0x04 ? stored_immeasurable : 0) |
-                                              (flags & 0x02 ? stored_pseudo : 0))});
-        if (!(flags & 0x20))
-            ++src;
+        visit(edge);
+        if (!(edge.record.flags & QUARL_RECORD_MORE_FOLLOWS))
+            ++edge.src;
     }
     return true;
 }
@@ -123,13 +87,13 @@ struct Solver {
     uint32_t *unsettled;      // per node: edges neither instrumented nor computed
     uint32_t *unsettled_xor;  // per node: XOR of those edges' indices
     uint32_t *queue;          // nodes, first in first out
-    uint8_t *flags;           // per edge: stored_* bits
+    uint8_t *flags;           // per edge: QUARL_RECORD_* bits
     uint8_t *state;           // per node: node_* bits
     void *block;
 };
 
-bool reachable(const Solver &s, uint32_t e) { return s.flags[e] & stored_reachable; }
-bool instrumented(const Solver &s, uint32_t e) { return s.flags[e] & stored_instrumented; }
+bool reachable(const Solver &s, uint32_t e) { return s.flags[e] & QUARL_RECORD_REACHABLE; }
+bool instrumented(const Solver &s, uint32_t e) { return s.flags[e] & QUARL_RECORD_INSTRUMENTED; }
 
 // Carves the arrays from one allocation, widest first so that each is
 // aligned.
@@ -182,22 +146,23 @@ bool load_edges(Solver &s, const uint32_t *buffer, uint32_t length, const uint64
     uint32_t e = 0;
     bool valid = true;
     for_each_stored_edge(buffer, length, [&](const StoredEdge &edge) {
+        const QuarlStoredRecord &record = edge.record;
         s.src[e] = edge.src;
-        s.dest[e] = edge.dest;
-        s.counter[e] = edge.counter;
-        s.flags[e] = edge.flags;
-        bool counted = edge.flags & stored_instrumented;
-        if (counted && !(edge.flags & stored_reachable))
+        s.dest[e] = record.dest_idx;
+        s.counter[e] = record.counter_idx;
+        s.flags[e] = static_cast<uint8_t>(record.flags);
+        bool counted = record.flags & QUARL_RECORD_INSTRUMENTED;
+        if (counted && !(record.flags & QUARL_RECORD_REACHABLE))
             valid = false;
-        bool measured = counted && !(edge.flags & stored_immeasurable);
-        if (measured && edge.counter >= num_counters)
+        bool measured = counted && !(record.flags & QUARL_RECORD_IMMEASURABLE);
+        if (measured && record.counter_idx >= num_counters)
             valid = false;
-        s.value[e] = measured && valid ? counters[edge.counter] : 0;
-        if (edge.flags & stored_reachable)
-            s.state[edge.dest] |= node_reachable;
+        s.value[e] = measured && valid ? counters[record.counter_idx] : 0;
+        if (record.flags & QUARL_RECORD_REACHABLE)
+            s.state[record.dest_idx] |= node_reachable;
         s.first_adjacent[edge.src + 1]++;
-        if (edge.dest != edge.src)
-            s.first_adjacent[edge.dest + 1]++;
+        if (record.dest_idx != edge.src)
+            s.first_adjacent[record.dest_idx + 1]++;
         ++e;
     });
     return valid;
@@ -305,8 +270,8 @@ void count_blocks(Solver &s, uint64_t *block_counts, uint32_t num_blocks)
     for (uint32_t e = 0; e < s.num_edges; ++e) {
         s.incoming[s.dest[e]] += s.value[e];
         s.outgoing[s.src[e]] += s.value[e];
-        if ((s.flags[e] & stored_immeasurable) &&
-            (instrumented(s, e) || !(s.flags[e] & stored_pseudo)))
+        if ((s.flags[e] & QUARL_RECORD_IMMEASURABLE) &&
+            (instrumented(s, e) || !(s.flags[e] & QUARL_RECORD_PSEUDO)))
             s.state[s.dest[e]] |= node_counted_by_outgoing;
     }
     for (uint32_t b = 0; b < num_blocks; ++b) {
@@ -329,7 +294,7 @@ extern "C" int32_t quarl_compute_blocks_by_conservation(const uint32_t *buffer, 
     uint64_t edges = 0, nodes = 0;
     if (!for_each_stored_edge(buffer, length, [&](const StoredEdge &edge) {
             ++edges;
-            uint64_t highest = edge.src > edge.dest ? edge.src : edge.dest;
+            uint64_t highest = edge.src > edge.record.dest_idx ? edge.src : edge.record.dest_idx;
             if (highest + 1 > nodes)
                 nodes = highest + 1;
         }))

@@ -171,6 +171,36 @@ int32_t quarl_compute_blocks_by_conservation(const uint32_t *buffer, uint32_t le
                                              const uint64_t *counters, uint32_t num_counters,
                                              uint64_t *block_counts, uint32_t num_blocks);
 
+/* ---- Stored records -------------------------------------------------------------
+ * What the decoder and profile use by conservation both know of the stored
+ * formats. A record's flags are the six-bit field of the successor-list
+ * formats; an edge-list record's flags are given the same bits. */
+#define QUARL_RECORD_MORE_FOLLOWS 0x20u
+#define QUARL_RECORD_INSTRUMENTED 0x10u
+#define QUARL_RECORD_REACHABLE 0x08u
+#define QUARL_RECORD_IMMEASURABLE 0x04u
+#define QUARL_RECORD_PSEUDO 0x02u
+
+typedef struct QuarlStoredRecord {
+    uint32_t flags;
+    uint32_t dest_idx;
+    uint32_t counter_idx;
+} QuarlStoredRecord;
+
+/* Bytes of one record: 2, 4, 12, or 16 for the edge list. */
+uint32_t quarl_stored_record_bytes(QuarlEncodingFormat format);
+/* The bound that indices read from stored data must be below, given the
+ * bytes after the format word: in the successor-list formats the number of
+ * records (destinations only); in the edge list 16 * (whole records) + 1024,
+ * at most QUARL_MAX_BLOCK_IDX_EXCLUSIVE. */
+uint64_t quarl_stored_index_bound(QuarlEncodingFormat format, uint32_t payload_bytes);
+/* Unpacks a successor record from its little-endian bytes; false for the
+ * empty record of c_encode16 (all zero), which adds no edge. */
+bool quarl_successor_record_unpack(QuarlEncodingFormat format, const uint8_t *bytes,
+                                   QuarlStoredRecord *record);
+void quarl_edge_list_record_unpack(const uint8_t *bytes, uint32_t *src_idx,
+                                   QuarlStoredRecord *record);
+
 /* ---- Encoding ----------------------------------------------------------------- */
 /* Packs one successor-list record (flag field, destination, counter) in the
  * format of encoded_graph and appends it; 1 on success, 0 when the stream

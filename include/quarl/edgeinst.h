@@ -227,7 +227,8 @@ QUARL_API void quarl_inst_node_src_position_set(QuarlInstNode *node,
  * Counter placement
  * ====================================================================== */
 
-/* Picks the fewest, cheapest counters: the reachable edges off a maximum
+/* Picks the fewest, cheapest counters (time n log n in the edges, memory
+ * linear, four allocations): the reachable edges off a maximum
  * spanning forest of the reachable part, built by taking pseudo and
  * immeasurable edges first (they cannot carry a useful counter), then edges
  * by descending m_cost, then edges the caller already instrumented (so that
@@ -254,7 +255,16 @@ QUARL_API void quarl_inst_edge_set_as_instrumented(QuarlInstEdge *edge);
  * instruments edges by force (m_is_forced_instrumented) where no formula
  * resting on a measurable counter exists. Returns 1 when every reachable
  * node was resolved, 0 otherwise (including allocation failure). Run once
- * per graph, after the counter edges are marked instrumented. */
+ * per graph, after the counter edges are marked instrumented.
+ *
+ * Cost: every edge is a formula position, so the formulas left on the
+ * graph take two bitsets of m_num_edges bits for each reachable
+ * uninstrumented edge, one bit per edge each: memory grows with edges
+ * times edges, 12.5 KB per bitset and about 1.9 GB in all for a routine of
+ * 100,000 edges (20 MB at 10,000). They come from one zeroed block, so
+ * only the pages that receive bits are touched. Time is linear in the
+ * edges plus the chunks that formulas actually use (a handful each in
+ * compiled code). A few allocations per call. */
 QUARL_API int quarl_inst_graph_adjust_instrumentation(QuarlInstGraph *graph);
 
 /* ======================================================================
@@ -341,7 +351,13 @@ QUARL_API uint32_t quarl_encoded_graph_decode(QuarlEncodedGraph *encoded_graph,
  * instrumented edge that is not reachable, reachable blocks whose counts
  * the counters do not determine), or when a measurable counter-carrying
  * edge names a counter index at or above num_counters. Counts are unsigned
- * 64-bit and wrap modulo 2^64 when the counters contradict each other. */
+ * 64-bit and wrap modulo 2^64 when the counters contradict each other.
+ *
+ * Cost: time and memory linear in the stored words and the highest block
+ * index, about 60 bytes per edge, one allocation. With a trace bit set
+ * (quarl_inst_trace_mask_set()) it decodes into a graph and rebuilds its
+ * formulas instead, to write the traces; that way costs edges times
+ * counters in memory and gives the same results. */
 QUARL_API int32_t quarl_compute_blocks_from_edges(const uint32_t *buffer, uint32_t length,
                                                   const uint64_t *counters,
                                                   uint32_t num_counters,
@@ -353,7 +369,10 @@ QUARL_API int32_t quarl_compute_blocks_from_edges(const uint32_t *buffer, uint32
  * reachable edge gets a formula over them; unreachable edges are marked
  * computed. Returns 1, or 0 when memory runs out. Preconditions
  * (assertions): no unreachable edge is instrumented, and the instrumented
- * edges determine every reachable node ("remaining_nodes[i] == 0"). */
+ * edges determine every reachable node ("remaining_nodes[i] == 0").
+ * Cost: formulas of m_formula_mask_bits (instrumented edges) bits, two per
+ * computed edge, from one block; time linear in the edges plus the chunks
+ * the formulas use; a few allocations per call, none per edge. */
 QUARL_API int32_t quarl_inst_graph_compute_formulas(QuarlInstGraph *graph);
 
 /* Releases every formula and the formula table; positions become -1.
@@ -364,7 +383,9 @@ QUARL_API void quarl_inst_graph_deallocate_formulas(QuarlInstGraph *graph);
  * every reachable computed edge the value of its formula and every node the
  * sum of its incoming edges, or of its outgoing edges when an immeasurable
  * edge (instrumented, or not pseudo) enters it. Counts wrap modulo 2^64.
- * When memory runs out no count changes. */
+ * When memory runs out no count changes. Cost: one pass over the edges;
+ * a formula costs its chunks plus its set bits; three allocations for the
+ * per-node sums, none per edge. */
 QUARL_API void quarl_inst_graph_propagate_exec_counts(QuarlInstGraph *graph);
 
 /* ======================================================================

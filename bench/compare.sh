@@ -1,0 +1,28 @@
+#!/usr/bin/env bash
+# Before and after in one session: builds the benchmark against the library
+# of a base revision (default: the last one whose placement allocated every
+# bitset on its own and whose profile use always built formulas) and
+# against the working tree, runs both in turn, and prints the README's
+# tables. Usage: bench/compare.sh [BASE_REVISION] [REPETITIONS]
+set -euo pipefail
+cd "$(dirname "$0")/.."
+base=${1:-8846dc3}
+repetitions=${2:-3}
+work=$(mktemp -d)
+trap 'git worktree remove --force "$work/base" >/dev/null 2>&1 || true; rm -rf "$work"' EXIT
+
+git worktree add -q --detach "$work/base" "$base"
+rm -rf "$work/base/bench" && cp -r bench "$work/base/bench" # same benchmark, old library
+for tree in "$work/base" .; do
+    cmake -S "$tree" -B "$tree/build-bench" -DCMAKE_BUILD_TYPE=Release -DQUARL_BUILD_BENCHMARKS=ON \
+        -DQUARL_BUILD_TESTS=OFF -DQUARL_BUILD_TOOLS=OFF >/dev/null
+    cmake --build "$tree/build-bench" -j2 --target quarl_bench >/dev/null
+done
+for round in $(seq "$repetitions"); do
+    for side in base after; do
+        tree=$([ "$side" = base ] && echo "$work/base" || echo .)
+        "$tree/build-bench/bench/quarl_bench" --benchmark_min_time=0.2 \
+            --benchmark_out="$work/$side-$round.json" --benchmark_out_format=json >/dev/null
+    done
+done
+python3 bench/tables.py --before "$work"/base-*.json --after "$work"/after-*.json
