@@ -20,6 +20,8 @@ const char main_help[] =
     "              the words to store beside the counters\n"
     "  dump        decode stored words and show the graph they hold\n"
     "  blocks      block counts from stored words and counter values\n"
+    "  profile     show or merge the profiles of programs built with the Quarl\n"
+    "              LLVM plugin\n"
     "\n"
     "Run 'quarl COMMAND --help' for the options of a command.\n"
     "Exit status: 0 success, 1 bad or damaged data, 2 bad usage.\n";
@@ -189,6 +191,8 @@ int main(int argc, char **argv)
         printf("quarl %s\n", QUARL_VERSION_STRING);
         return status_ok;
     }
+    if (first == "profile")
+        return run_profile(argc - 2, argv + 2);
     auto command = commands.find(first);
     if (command == commands.end()) {
         fprintf(stderr, "quarl: unknown command '%s'\nTry 'quarl --help'.\n", first.c_str());

@@ -99,4 +99,7 @@ int run_dump(const std::string &words_path, bool dot, const char *svg_path);
 int run_blocks(const std::string &words_path, const std::string &counters_path,
                int64_t num_blocks);
 
+// quarl profile (profile_commands.cpp): its own arguments, after "profile".
+int run_profile(int argc, char **argv);
+
 #endif

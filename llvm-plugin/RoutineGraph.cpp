@@ -1,0 +1,180 @@
+#include "RoutineGraph.h"
+
+#include <limits>
+
+#include "llvm/ADT/SmallPtrSet.h"
+#include "llvm/Analysis/BlockFrequencyInfo.h"
+#include "llvm/Analysis/BranchProbabilityInfo.h"
+#include "llvm/IR/CFG.h"
+#include "llvm/IR/InstrTypes.h"
+#include "llvm/IR/Instructions.h"
+#include "llvm/IR/IntrinsicInst.h"
+
+using namespace llvm;
+
+namespace quarl_llvm {
+namespace {
+
+// Edges where no counter can go are taken into the spanning tree first.
+const int64_t NeverCounted = std::numeric_limits<int64_t>::max();
+const uint64_t CostCap = uint64_t{1} << 60;
+
+int64_t capped(uint64_t Cost) { return int64_t(Cost < CostCap ? Cost : CostCap); }
+
+struct Planner {
+    Planner(const BlockFrequencyInfo *BFI, const BranchProbabilityInfo *BPI) : BFI(BFI), BPI(BPI) {}
+
+    const BlockFrequencyInfo *BFI;
+    const BranchProbabilityInfo *BPI;
+    RoutineGraph Graph;
+    DenseMap<const BasicBlock *, uint32_t> NodeOf;
+
+    uint64_t frequency(const BasicBlock *BB) const
+    {
+        return BFI ? BFI->getBlockFreq(BB).getFrequency() : 0;
+    }
+
+    void add(PlannedEdge Edge) { Graph.Edges.push_back(Edge); }
+
+    void addVirtual(uint32_t Src, uint32_t Dest)
+    {
+        add({Src, Dest, EdgeKind::Virtual, nullptr, nullptr, nullptr, NeverCounted, true});
+    }
+
+    // The block's stretches, split after each call that may leave or come
+    // back, then its terminator's edges from the last stretch.
+    void planBlock(BasicBlock &BB)
+    {
+        uint32_t Stretch = NodeOf[&BB];
+        for (Instruction &I : BB) {
+            auto *Call = dyn_cast<CallInst>(&I);
+            if (!Call)
+                continue;
+            bool Leaves = mayLeaveMidBlock(*Call), Twice = returnsTwice(*Call);
+            if (!Leaves && !Twice)
+                continue;
+            uint32_t Next = Graph.NumNodes++;
+            add({Stretch, Next, EdgeKind::AfterCall, nullptr, nullptr, Call,
+                 capped(frequency(&BB)), false});
+            if (Leaves)
+                addVirtual(Stretch, PseudoExit);
+            if (Twice)
+                addVirtual(PseudoEntry, Next);
+            Stretch = Next;
+        }
+        Instruction *Term = BB.getTerminator();
+        if (auto *Invoke = dyn_cast<InvokeInst>(Term); Invoke && mayLeaveMidBlock(*Invoke))
+            addVirtual(Stretch, PseudoExit);
+        if (succ_empty(&BB)) { // ret, resume, unreachable
+            add({Stretch, PseudoExit, EdgeKind::Return, &BB, nullptr, nullptr,
+                 capped(frequency(&BB)), true});
+            return;
+        }
+        SmallPtrSet<BasicBlock *, 8> Seen;
+        for (BasicBlock *Succ : successors(&BB)) {
+            if (!Seen.insert(Succ).second)
+                continue; // switch cases to one block are one control transfer
+            uint64_t Cost = 0;
+            if (BPI)
+                Cost = BPI->getEdgeProbability(&BB, Succ).scale(frequency(&BB));
+            add({Stretch, NodeOf[Succ], EdgeKind::Branch, &BB, Succ, nullptr, capped(Cost), false});
+        }
+    }
+
+    // Nodes reachable from the entry; and a virtual way out from those that
+    // cannot reach the exit (a loop with no way out), so that flow is
+    // conserved everywhere.
+    void markReachableAndCloseLoops()
+    {
+        std::vector<std::vector<uint32_t>> Out(Graph.NumNodes), In(Graph.NumNodes);
+        for (const PlannedEdge &E : Graph.Edges) {
+            Out[E.Src].push_back(E.Dest);
+            In[E.Dest].push_back(E.Src);
+        }
+        auto walk = [&](uint32_t Start, const std::vector<std::vector<uint32_t>> &Next) {
+            std::vector<bool> Seen(Graph.NumNodes, false);
+            std::vector<uint32_t> Work = {Start};
+            Seen[Start] = true;
+            while (!Work.empty()) {
+                uint32_t N = Work.back();
+                Work.pop_back();
+                for (uint32_t M : Next[N])
+                    if (!Seen[M])
+                        Seen[M] = true, Work.push_back(M);
+            }
+            return Seen;
+        };
+        Graph.Reachable = walk(PseudoEntry, Out);
+        std::vector<bool> ReachesExit = walk(PseudoExit, In);
+        for (uint32_t N = 2; N < Graph.NumNodes; ++N) {
+            if (!Graph.Reachable[N] || ReachesExit[N])
+                continue;
+            addVirtual(N, PseudoExit); // one per stuck region: the walk takes in the rest
+            In[PseudoExit].push_back(N);
+            ReachesExit = walk(PseudoExit, In);
+        }
+        Graph.Reachable[PseudoExit] = true;
+    }
+};
+
+} // namespace
+
+bool mayLeaveMidBlock(const CallBase &Call)
+{
+    if (isa<IntrinsicInst>(Call) || Call.isInlineAsm())
+        return false;
+    // A call that never returns ends its block with unreachable, which is
+    // a way out of its own.
+    if (Call.doesNotReturn())
+        return false;
+    return !(Call.hasFnAttr(Attribute::WillReturn) && Call.doesNotThrow());
+}
+
+bool returnsTwice(const CallBase &Call) { return Call.hasFnAttr(Attribute::ReturnsTwice); }
+
+RoutineGraph planRoutine(Function &F, const BlockFrequencyInfo *BFI, const BranchProbabilityInfo *BPI)
+{
+    Planner P(BFI, BPI);
+    for (BasicBlock &BB : F)
+        P.NodeOf[&BB] = 2 + P.Graph.NumBlocks++;
+    P.Graph.NumNodes = 2 + P.Graph.NumBlocks;
+    P.add({PseudoEntry, 2, EdgeKind::FunctionEntry, &F.getEntryBlock(), nullptr, nullptr,
+           capped(P.frequency(&F.getEntryBlock())), true});
+    for (BasicBlock &BB : F)
+        P.planBlock(BB);
+    P.markReachableAndCloseLoops();
+    P.addVirtual(PseudoExit, PseudoEntry);
+    return std::move(P.Graph);
+}
+
+QuarlInstGraph *buildQuarlGraph(const RoutineGraph &Plan)
+{
+    QuarlInstGraph *Graph = quarl_inst_graph_create();
+    if (!Graph)
+        return nullptr;
+    for (uint32_t N = 0; N < Plan.NumNodes; ++N) {
+        QuarlInstNode *Node = quarl_inst_graph_add_node(Graph, N);
+        if (!Node) {
+            quarl_inst_graph_delete(Graph);
+            return nullptr;
+        }
+        Node->m_is_reachable = Plan.Reachable[N];
+        Node->m_is_pseudo_entry = N == PseudoEntry;
+        Node->m_is_pseudo_exit = N == PseudoExit;
+        Node->m_is_entry = N == 2;
+    }
+    for (const PlannedEdge &E : Plan.Edges) {
+        QuarlInstEdge *Edge =
+            quarl_inst_graph_add_edge(Graph, Graph->m_node_vec[E.Src], Graph->m_node_vec[E.Dest]);
+        if (!Edge) {
+            quarl_inst_graph_delete(Graph);
+            return nullptr;
+        }
+        Edge->m_is_reachable = Plan.Reachable[E.Src];
+        Edge->m_is_pseudo = E.Pseudo;
+        Edge->m_cost = E.Cost;
+    }
+    return Graph;
+}
+
+} // namespace quarl_llvm

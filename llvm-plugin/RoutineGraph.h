@@ -1,0 +1,69 @@
+// How a function becomes Quarl's graph: node 0 the pseudo entry, node 1
+// the pseudo exit, node 2+i the i-th basic block, then one node for each
+// stretch of a block that follows a call that may not return. Built the
+// same way when instrumenting and when using a profile, so that both see
+// the same graph and the same stored words.
+#pragma once
+
+#include <cstdint>
+#include <vector>
+
+#include "llvm/ADT/DenseMap.h"
+#include "llvm/IR/Function.h"
+
+#include "quarl/edgeinst.h"
+
+namespace llvm {
+class CallBase;
+class BlockFrequencyInfo;
+class BranchProbabilityInfo;
+} // namespace llvm
+
+namespace quarl_llvm {
+
+const uint32_t PseudoEntry = 0;
+const uint32_t PseudoExit = 1;
+
+// Where a counter on an edge would be incremented.
+enum class EdgeKind {
+    FunctionEntry, // 0 -> entry block: at the start of the entry block
+    AfterCall,     // a block's stretch to the next one: right after the call
+    Branch,        // block -> successor: on the edge (split when critical)
+    Return,        // a returning block -> 1: before its terminator
+    Virtual,       // leaving in a call, re-entering at setjmp, 1 -> 0:
+                   // no code runs there, so never counted
+};
+
+struct PlannedEdge {
+    uint32_t Src, Dest;
+    EdgeKind Kind;
+    llvm::BasicBlock *From = nullptr;  // Branch, Return: the IR block
+    llvm::BasicBlock *To = nullptr;    // Branch: the successor
+    llvm::Instruction *Call = nullptr; // AfterCall: the call
+    int64_t Cost = 0;
+    bool Pseudo = false;
+};
+
+struct RoutineGraph {
+    uint32_t NumBlocks = 0; // real blocks
+    uint32_t NumNodes = 0;  // with the pseudo nodes and the stretches
+    std::vector<PlannedEdge> Edges;
+    std::vector<bool> Reachable; // per node
+};
+
+// True when control may leave the function inside the call (exit, longjmp,
+// an exception with no landing pad here) or come back to just after it a
+// second time (setjmp).
+bool mayLeaveMidBlock(const llvm::CallBase &Call);
+bool returnsTwice(const llvm::CallBase &Call);
+
+// The graph of F; edge costs from the static estimate (block frequency times
+// branch probability) when BFI and BPI are given, 0 otherwise.
+RoutineGraph planRoutine(llvm::Function &F, const llvm::BlockFrequencyInfo *BFI,
+                         const llvm::BranchProbabilityInfo *BPI);
+
+// Quarl's graph of the plan, costs set, nothing instrumented; null when
+// memory runs out.
+QuarlInstGraph *buildQuarlGraph(const RoutineGraph &Plan);
+
+} // namespace quarl_llvm

@@ -1,0 +1,297 @@
+/* Reading, merging and writing profile files. Everything read is checked
+ * against the bytes that are there: a damaged file gives a reason, never a
+ * crash. */
+#include "quarl_profile.h"
+
+#include <errno.h>
+#include <stdlib.h>
+#include <string.h>
+
+/* Longest key accepted; a real symbol name is far shorter. */
+#define MAX_KEY_BYTES 65536u
+
+typedef struct Reader {
+    const uint8_t *bytes;
+    size_t size;
+    size_t at;
+} Reader;
+
+static int take(Reader *reader, void *out, size_t count)
+{
+    if (count > reader->size - reader->at)
+        return 0;
+    if (count != 0)
+        memcpy(out, reader->bytes + reader->at, count);
+    reader->at += count;
+    return 1;
+}
+
+static int take_u32(Reader *reader, uint32_t *value)
+{
+    uint8_t b[4];
+    if (!take(reader, b, 4))
+        return 0;
+    *value = (uint32_t)b[0] | (uint32_t)b[1] << 8 | (uint32_t)b[2] << 16 | (uint32_t)b[3] << 24;
+    return 1;
+}
+
+static int take_u64(Reader *reader, uint64_t *value)
+{
+    uint32_t low, high;
+    if (!take_u32(reader, &low) || !take_u32(reader, &high))
+        return 0;
+    *value = (uint64_t)high << 32 | low;
+    return 1;
+}
+
+static void release_function(QuarlProfileFunction *function)
+{
+    free(function->key);
+    free(function->words);
+    free(function->counters);
+}
+
+void quarl_profile_release(QuarlProfile *profile)
+{
+    for (uint32_t i = 0; i < profile->count; ++i)
+        release_function(&profile->functions[i]);
+    free(profile->functions);
+    profile->functions = NULL;
+    profile->count = profile->capacity = 0;
+}
+
+static int fail(char *error, size_t error_size, QuarlProfile *profile, const char *reason,
+                uint32_t index)
+{
+    if (error_size > 0)
+        snprintf(error, error_size, reason, index);
+    quarl_profile_release(profile);
+    return 0;
+}
+
+static int append(QuarlProfile *profile, const QuarlProfileFunction *function)
+{
+    if (profile->count == profile->capacity) {
+        uint32_t capacity = profile->capacity < 16 ? 16 : profile->capacity * 2;
+        if (capacity <= profile->capacity)
+            return 0;
+        QuarlProfileFunction *grown =
+            realloc(profile->functions, (size_t)capacity * sizeof(QuarlProfileFunction));
+        if (grown == NULL)
+            return 0;
+        profile->functions = grown;
+        profile->capacity = capacity;
+    }
+    profile->functions[profile->count++] = *function;
+    return 1;
+}
+
+/* One record; the arrays are sized only after the bytes for them are known
+ * to be there. */
+static const char *parse_function(Reader *reader, QuarlProfileFunction *f)
+{
+    uint32_t key_bytes;
+    memset(f, 0, sizeof *f);
+    if (!take_u32(reader, &key_bytes))
+        return "truncated in the key of function %u";
+    if (key_bytes == 0 || key_bytes > MAX_KEY_BYTES)
+        return "function %u has a key length out of range";
+    if (key_bytes > reader->size - reader->at)
+        return "truncated in the key of function %u";
+    f->key = malloc(key_bytes + 1);
+    if (f->key == NULL)
+        return "out of memory at function %u";
+    take(reader, f->key, key_bytes);
+    f->key[key_bytes] = '\0';
+    if (memchr(f->key, '\0', key_bytes) != NULL)
+        return "function %u has a key with a zero byte";
+    uint32_t padding = (4 - key_bytes % 4) % 4;
+    uint8_t pad[3];
+    if (!take(reader, pad, padding) || !take_u64(reader, &f->checksum) ||
+        !take_u32(reader, &f->flags) || !take_u32(reader, &f->num_blocks) ||
+        !take_u32(reader, &f->num_nodes) || !take_u32(reader, &f->num_words) ||
+        !take_u32(reader, &f->num_counters))
+        return "truncated in the header of function %u";
+    if (f->flags & ~QUARL_PROFILE_DIRECT_COUNTS)
+        return "function %u has unknown flags";
+    if (f->num_nodes < 2 || f->num_blocks > f->num_nodes - 2)
+        return "function %u has more blocks than graph nodes";
+    if ((f->flags & QUARL_PROFILE_DIRECT_COUNTS) && f->num_counters != f->num_blocks)
+        return "function %u has direct counts that do not match its blocks";
+    if ((uint64_t)f->num_words * 4 + (uint64_t)f->num_counters * 8 > reader->size - reader->at)
+        return "truncated in the words or counters of function %u";
+    f->words = malloc((size_t)f->num_words * 4 + 1);
+    f->counters = malloc((size_t)f->num_counters * 8 + 1);
+    if (f->words == NULL || f->counters == NULL)
+        return "out of memory at function %u";
+    for (uint32_t i = 0; i < f->num_words; ++i)
+        take_u32(reader, &f->words[i]);
+    for (uint32_t i = 0; i < f->num_counters; ++i)
+        take_u64(reader, &f->counters[i]);
+    return NULL;
+}
+
+int quarl_profile_parse(const uint8_t *bytes, size_t size, QuarlProfile *profile, char *error,
+                        size_t error_size)
+{
+    Reader reader = {bytes, size, 0};
+    char magic[8];
+    uint32_t version, count;
+    profile->functions = NULL;
+    profile->count = profile->capacity = 0;
+    if (!take(&reader, magic, 8) || memcmp(magic, QUARL_PROFILE_MAGIC, 8) != 0)
+        return fail(error, error_size, profile, "not a Quarl profile (no QUARLPRF header)", 0);
+    if (!take_u32(&reader, &version) || !take_u32(&reader, &count))
+        return fail(error, error_size, profile, "truncated in the file header", 0);
+    if (version != QUARL_PROFILE_VERSION)
+        return fail(error, error_size, profile, "profile version %u is not supported (this reads version 1)",
+                    version);
+    for (uint32_t i = 0; i < count; ++i) {
+        QuarlProfileFunction function;
+        const char *problem = parse_function(&reader, &function);
+        if (problem == NULL && !append(profile, &function))
+            problem = "out of memory at function %u";
+        if (problem != NULL) {
+            release_function(&function);
+            return fail(error, error_size, profile, problem, i);
+        }
+    }
+    if (reader.at != size)
+        return fail(error, error_size, profile, "%u bytes after the last function", (uint32_t)(size - reader.at));
+    return 1;
+}
+
+int quarl_profile_read_file(const char *path, QuarlProfile *profile, char *error,
+                            size_t error_size)
+{
+    profile->functions = NULL;
+    profile->count = profile->capacity = 0;
+    FILE *in = fopen(path, "rb");
+    if (in == NULL) {
+        snprintf(error, error_size, "cannot open: %s", strerror(errno));
+        return 0;
+    }
+    uint8_t *bytes = NULL;
+    size_t size = 0, capacity = 0;
+    for (;;) {
+        if (size == capacity) {
+            size_t grown_capacity = capacity == 0 ? 65536 : capacity * 2;
+            uint8_t *grown = grown_capacity > capacity ? realloc(bytes, grown_capacity) : NULL;
+            if (grown == NULL) {
+                free(bytes);
+                fclose(in);
+                snprintf(error, error_size, "out of memory");
+                return 0;
+            }
+            bytes = grown;
+            capacity = grown_capacity;
+        }
+        size_t got = fread(bytes + size, 1, capacity - size, in);
+        size += got;
+        if (got == 0)
+            break;
+    }
+    int read_error = ferror(in);
+    fclose(in);
+    int parsed = !read_error && quarl_profile_parse(bytes, size, profile, error, error_size);
+    if (read_error)
+        snprintf(error, error_size, "read error");
+    free(bytes);
+    return parsed;
+}
+
+static int same_shape(const QuarlProfileFunction *a, const QuarlProfileFunction *b)
+{
+    return a->checksum == b->checksum && a->flags == b->flags && a->num_blocks == b->num_blocks &&
+           a->num_nodes == b->num_nodes && a->num_words == b->num_words &&
+           a->num_counters == b->num_counters &&
+           memcmp(a->words, b->words, (size_t)a->num_words * 4) == 0;
+}
+
+static int copy_function(QuarlProfileFunction *copy, const QuarlProfileFunction *f)
+{
+    size_t key_bytes = strlen(f->key) + 1;
+    *copy = *f;
+    copy->key = malloc(key_bytes);
+    copy->words = malloc((size_t)f->num_words * 4 + 1);
+    copy->counters = malloc((size_t)f->num_counters * 8 + 1);
+    if (copy->key == NULL || copy->words == NULL || copy->counters == NULL) {
+        release_function(copy);
+        return 0;
+    }
+    memcpy(copy->key, f->key, key_bytes);
+    memcpy(copy->words, f->words, (size_t)f->num_words * 4);
+    memcpy(copy->counters, f->counters, (size_t)f->num_counters * 8);
+    return 1;
+}
+
+int quarl_profile_add(QuarlProfile *profile, const QuarlProfileFunction *function)
+{
+    for (uint32_t i = 0; i < profile->count; ++i) {
+        QuarlProfileFunction *existing = &profile->functions[i];
+        if (strcmp(existing->key, function->key) != 0)
+            continue;
+        if (same_shape(existing, function)) {
+            for (uint32_t c = 0; c < function->num_counters; ++c)
+                existing->counters[c] += function->counters[c];
+            return 1;
+        }
+        QuarlProfileFunction copy;
+        if (!copy_function(&copy, function))
+            return 0;
+        release_function(existing);
+        *existing = copy;
+        return 1;
+    }
+    QuarlProfileFunction copy;
+    if (!copy_function(&copy, function))
+        return 0;
+    if (!append(profile, &copy)) {
+        release_function(&copy);
+        return 0;
+    }
+    return 1;
+}
+
+static int put_u32(FILE *out, uint32_t value)
+{
+    uint8_t b[4] = {(uint8_t)value, (uint8_t)(value >> 8), (uint8_t)(value >> 16), (uint8_t)(value >> 24)};
+    return fwrite(b, 1, 4, out) == 4;
+}
+
+static int put_u64(FILE *out, uint64_t value)
+{
+    return put_u32(out, (uint32_t)value) && put_u32(out, (uint32_t)(value >> 32));
+}
+
+int quarl_profile_write(FILE *out, const QuarlProfile *profile)
+{
+    int ok = fwrite(QUARL_PROFILE_MAGIC, 1, 8, out) == 8 && put_u32(out, QUARL_PROFILE_VERSION) &&
+             put_u32(out, profile->count);
+    for (uint32_t i = 0; ok && i < profile->count; ++i) {
+        const QuarlProfileFunction *f = &profile->functions[i];
+        uint32_t key_bytes = (uint32_t)strlen(f->key);
+        static const uint8_t zeros[3] = {0, 0, 0};
+        ok = put_u32(out, key_bytes) && fwrite(f->key, 1, key_bytes, out) == key_bytes &&
+             fwrite(zeros, 1, (4 - key_bytes % 4) % 4, out) == (4 - key_bytes % 4) % 4 &&
+             put_u64(out, f->checksum) && put_u32(out, f->flags) && put_u32(out, f->num_blocks) &&
+             put_u32(out, f->num_nodes) && put_u32(out, f->num_words) &&
+             put_u32(out, f->num_counters);
+        for (uint32_t w = 0; ok && w < f->num_words; ++w)
+            ok = put_u32(out, f->words[w]);
+        for (uint32_t c = 0; ok && c < f->num_counters; ++c)
+            ok = put_u64(out, f->counters[c]);
+    }
+    return ok && fflush(out) == 0;
+}
+
+uint64_t quarl_profile_checksum(const uint32_t *words, uint32_t num_words)
+{
+    uint64_t hash = 0xcbf29ce484222325ull;
+    for (uint32_t i = 0; i < num_words; ++i)
+        for (int shift = 0; shift < 32; shift += 8) {
+            hash ^= (uint8_t)(words[i] >> shift);
+            hash *= 0x100000001b3ull;
+        }
+    return hash;
+}

@@ -1,0 +1,70 @@
+#!/usr/bin/env bash
+# End-to-end check of the plugin and the runtime on one case: the programs
+# are built at -O0 and -O2 twice, with Quarl's counters and with a direct
+# count of every block's entries, run the same way, and the block counts
+# that 'quarl profile show --blocks' prints must be the same.
+# Usage: check_counts.sh CASE; CLANG, CLANGXX, PLUGIN, RUNTIME, QUARL name
+# the tools.
+set -euo pipefail
+case_name=$1
+here=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+
+build() { # MODE LEVEL OUTPUT SOURCE...
+    local mode=$1 level=$2 output=$3 compiler=$CLANG
+    shift 3
+    [[ $1 == *.cpp ]] && compiler=$CLANGXX
+    local sources=()
+    for source in "$@"; do sources+=("$here/$source"); done
+    if [ "$mode" = naive ]; then
+        QUARL_NAIVE_COUNTS=1 "$compiler" "$level" -fpass-plugin="$PLUGIN" "${sources[@]}" "$RUNTIME" -lpthread -o "$output"
+    else
+        "$compiler" "$level" -fpass-plugin="$PLUGIN" "${sources[@]}" "$RUNTIME" -lpthread -o "$output"
+    fi
+}
+
+# The case's runs of PROGRAM, all writing PROFILE.
+run_case() { # PROGRAM PROFILE
+    export QUARL_PROFILE_FILE=$2
+    case $case_name in
+    control) "$1" >/dev/null; "$1" stop-in-loop >/dev/null || [ $? -eq 3 ] ;;
+    concurrent) for i in 1 2 3 4; do "$1" >/dev/null & done; wait ;;
+    *) "$1" >/dev/null ;;
+    esac
+}
+
+sources() {
+    case $case_name in
+    control | concurrent) echo control.c ;;
+    jumps) echo jumps.c ;;
+    exceptions) echo exceptions.cpp ;;
+    units) echo unit_a.c unit_b.c units_main.c ;;
+    forks) echo forks.c ;;
+    *) echo "unknown case $case_name" >&2; exit 2 ;;
+    esac
+}
+
+fail() { echo "FAIL ($case_name $level): $*" >&2; exit 1; }
+
+for level in -O0 -O2; do
+    for mode in quarl naive; do
+        # shellcheck disable=SC2046
+        build $mode $level "$work/$mode" $(sources)
+        run_case "$work/$mode" "$work/$mode$level.quarlprof"
+        "$QUARL" profile show --blocks "$work/$mode$level.quarlprof" >"$work/$mode.blocks"
+    done
+    diff -u "$work/naive.blocks" "$work/quarl.blocks" >&2 || fail "block counts differ from the direct count"
+    [ -s "$work/quarl.blocks" ] || fail "empty profile"
+    blocks=$(grep -c '^  block' "$work/quarl.blocks")
+    case $case_name in
+    concurrent) grep -qx 'function main entry 4' "$work/quarl.blocks" || fail "four runs must give main four entries" ;;
+    forks)
+        grep -qx 'function main entry 1' "$work/quarl.blocks" || fail "the child counted its parent's entry"
+        [ $level = -O2 ] || grep -q ':work entry 3$' "$work/quarl.blocks" ||
+            fail "work runs once before the fork, once in the child, once after" ;;
+    units) [ "$(grep -c ':helper entry' "$work/quarl.blocks")" -eq 3 ] || fail "three static helpers, three keys" ;;
+    control) grep -qx 'function main entry 2' "$work/quarl.blocks" || fail "two runs merged into one profile" ;;
+    esac
+    echo "$case_name $level: $blocks block counts agree"
+done

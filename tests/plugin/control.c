@@ -1,0 +1,61 @@
+/* Nested loops, a switch with shared case blocks and fall-through, early
+ * returns, recursion, goto, a static helper that -O2 inlines, and exit()
+ * from inside a loop when given an argument. */
+#include <stdio.h>
+#include <stdlib.h>
+
+static int classify(int x)
+{
+    switch (x % 7) {
+    case 0:
+    case 1:
+        return 1;
+    case 2:
+        x += 3; /* fall through */
+    case 3:
+        return x & 1;
+    case 4:
+        if (x > 40)
+            return 7;
+        break;
+    default:
+        return -1;
+    }
+    return 0;
+}
+
+static unsigned fib(unsigned n) { return n < 2 ? n : fib(n - 1) + fib(n - 2); }
+
+static int search(const int *values, int count, int wanted)
+{
+    int i = 0;
+again:
+    if (i >= count)
+        return -1;
+    if (values[i] == wanted)
+        goto found;
+    ++i;
+    goto again;
+found:
+    return i;
+}
+
+int main(int argc, char **argv)
+{
+    long total = 0;
+    int values[32];
+    for (int i = 0; i < 32; ++i)
+        values[i] = (i * 37) % 23;
+    for (int i = 0; i < 120; ++i) {
+        for (int j = 0; j < i % 9; ++j) {
+            if (j == 5)
+                continue;
+            total += classify(i * j + 1);
+        }
+        total += search(values, 32, i % 25);
+        if (argc > 1 && i == 77)
+            exit(3);
+    }
+    printf("%ld %u\n", total, fib(15));
+    return 0;
+}

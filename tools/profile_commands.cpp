@@ -1,0 +1,214 @@
+// quarl profile: reading the profiles that instrumented programs write.
+#include "quarl_tool.h"
+
+#include <cxxabi.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <algorithm>
+
+#include "quarl_profile.h"
+
+namespace {
+
+const char profile_help[] =
+    "usage: quarl profile show [--blocks] FILE\n"
+    "       quarl profile merge -o OUT IN...\n"
+    "\n"
+    "Profiles are what programs built with the Quarl LLVM plugin write at exit\n"
+    "(default.quarlprof, or the file QUARL_PROFILE_FILE names).\n"
+    "\n"
+    "  show         per function, hottest first: its entry count, how many of\n"
+    "               its blocks ran, its counters, its (demangled) name\n"
+    "  show --blocks\n"
+    "               for scripts, functions by key: 'function KEY entry COUNT',\n"
+    "               then '  block N COUNT' for each block N of its graph\n"
+    "               (node 2 + i is the function's i-th basic block)\n"
+    "  merge        adds the counts of every IN into OUT (records of the same\n"
+    "               function and code are summed; a record made from other code\n"
+    "               is replaced by the later one)\n";
+
+struct ProfileDeleter {
+    void operator()(QuarlProfile *profile) const
+    {
+        quarl_profile_release(profile);
+        delete profile;
+    }
+};
+using ProfilePtr = std::unique_ptr<QuarlProfile, ProfileDeleter>;
+
+ProfilePtr read_profile(const std::string &path)
+{
+    ProfilePtr profile(new QuarlProfile QUARL_PROFILE_INIT);
+    char error[256];
+    if (!quarl_profile_read_file(path.c_str(), profile.get(), error, sizeof error)) {
+        report_error("%s: %s", path.c_str(), error);
+        return nullptr;
+    }
+    return profile;
+}
+
+// The symbol part of a key ("FILE:" stands before static functions'),
+// demangled when it is a C++ name.
+std::string readable_name(const std::string &key)
+{
+    size_t colon = key.rfind(':');
+    std::string file = colon == std::string::npos ? "" : key.substr(0, colon + 1);
+    std::string symbol = colon == std::string::npos ? key : key.substr(colon + 1);
+    int status = 0;
+    char *demangled = abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, &status);
+    if (status == 0 && demangled != nullptr)
+        symbol = demangled;
+    free(demangled);
+    return file + symbol;
+}
+
+// Counts of the real blocks, node 2 + i at index i; false when the record's
+// words and counters do not give counts.
+bool block_counts(const QuarlProfileFunction &f, std::vector<uint64_t> *counts)
+{
+    if (f.flags & QUARL_PROFILE_DIRECT_COUNTS) {
+        counts->assign(f.counters, f.counters + f.num_counters);
+        return true;
+    }
+    std::vector<uint64_t> nodes(f.num_nodes);
+    if (quarl_compute_blocks_from_edges(f.words, f.num_words, f.counters, f.num_counters,
+                                        nodes.data(), f.num_nodes) != 1)
+        return false;
+    counts->assign(nodes.begin() + 2, nodes.begin() + 2 + f.num_blocks);
+    return true;
+}
+
+struct Row {
+    std::string key;
+    uint64_t entry;
+    std::vector<uint64_t> blocks;
+    uint32_t counters;
+};
+
+int show(const std::string &path, bool blocks)
+{
+    ProfilePtr profile = read_profile(path);
+    if (!profile)
+        return status_bad_data;
+    std::vector<Row> rows;
+    int status = status_ok;
+    for (uint32_t i = 0; i < profile->count; ++i) {
+        const QuarlProfileFunction &f = profile->functions[i];
+        Row row{f.key, 0, {}, f.num_counters};
+        if (!block_counts(f, &row.blocks)) {
+            report_error("%s: the record of %s does not give block counts (damaged)", path.c_str(),
+                         f.key);
+            status = status_bad_data;
+            continue;
+        }
+        row.entry = row.blocks.empty() ? 0 : row.blocks[0];
+        rows.push_back(std::move(row));
+    }
+    if (blocks) {
+        std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.key < b.key; });
+        for (const Row &row : rows) {
+            printf("function %s entry %llu\n", row.key.c_str(), (unsigned long long)row.entry);
+            for (size_t b = 0; b < row.blocks.size(); ++b)
+                printf("  block %zu %llu\n", b + 2, (unsigned long long)row.blocks[b]);
+        }
+        return status;
+    }
+    std::stable_sort(rows.begin(), rows.end(),
+                     [](const Row &a, const Row &b) { return a.entry > b.entry; });
+    printf("%20s  %13s  %8s  %s\n", "entry count", "blocks run", "counters", "function");
+    for (const Row &row : rows) {
+        size_t run = size_t(std::count_if(row.blocks.begin(), row.blocks.end(),
+                                          [](uint64_t count) { return count != 0; }));
+        std::string ratio = std::to_string(run) + "/" + std::to_string(row.blocks.size());
+        printf("%20llu  %13s  %8u  %s\n", (unsigned long long)row.entry, ratio.c_str(),
+               row.counters, readable_name(row.key).c_str());
+    }
+    return status;
+}
+
+int merge(const std::string &out_path, const std::vector<std::string> &inputs)
+{
+    QuarlProfile merged = QUARL_PROFILE_INIT;
+    int status = status_ok;
+    for (const std::string &input : inputs) {
+        ProfilePtr profile = read_profile(input);
+        if (!profile) {
+            status = status_bad_data;
+            break;
+        }
+        for (uint32_t i = 0; i < profile->count && status == status_ok; ++i)
+            if (!quarl_profile_add(&merged, &profile->functions[i])) {
+                report_error("out of memory");
+                status = status_bad_data;
+            }
+    }
+    if (status == status_ok) {
+        FILE *out = fopen(out_path.c_str(), "wb");
+        bool written = out != nullptr && quarl_profile_write(out, &merged);
+        if (out != nullptr && fclose(out) != 0)
+            written = false;
+        if (!written) {
+            report_error("%s: cannot write: %s", out_path.c_str(), strerror(errno));
+            status = status_bad_data;
+        }
+    }
+    quarl_profile_release(&merged);
+    return status;
+}
+
+int usage(const char *message)
+{
+    fprintf(stderr, "quarl profile: %s\nTry 'quarl profile --help'.\n", message);
+    return status_bad_usage;
+}
+
+} // namespace
+
+int run_profile(int argc, char **argv)
+{
+    std::vector<std::string> args(argv, argv + argc);
+    if (!args.empty() && (args[0] == "--help" || args[0] == "-h")) {
+        fputs(profile_help, stdout);
+        return status_ok;
+    }
+    if (args.empty())
+        return usage("expected 'show' or 'merge'");
+    std::string action = args[0];
+    args.erase(args.begin());
+    if (action == "show") {
+        bool blocks = false;
+        std::vector<std::string> files;
+        for (const std::string &arg : args) {
+            if (arg == "--blocks")
+                blocks = true;
+            else if (arg == "--help" || arg == "-h")
+                return fputs(profile_help, stdout), status_ok;
+            else if (arg.size() > 1 && arg[0] == '-')
+                return usage(("unknown option '" + arg + "'").c_str());
+            else
+                files.push_back(arg);
+        }
+        if (files.size() != 1)
+            return usage("show takes one FILE");
+        return show(files[0], blocks);
+    }
+    if (action == "merge") {
+        std::string out;
+        std::vector<std::string> inputs;
+        for (size_t i = 0; i < args.size(); ++i) {
+            if (args[i] == "-o" && i + 1 < args.size())
+                out = args[++i];
+            else if (args[i] == "-o")
+                return usage("option -o needs a value");
+            else if (args[i].size() > 1 && args[i][0] == '-')
+                return usage(("unknown option '" + args[i] + "'").c_str());
+            else
+                inputs.push_back(args[i]);
+        }
+        if (out.empty() || inputs.empty())
+            return usage("merge needs -o OUT and at least one IN");
+        return merge(out, inputs);
+    }
+    return usage(("unknown action '" + action + "' (expected 'show' or 'merge')").c_str());
+}
