@@ -57,7 +57,7 @@ echo "== libFuzzer: ${FUZZ_SECONDS} s per target from the seed corpora"
 cmake -S . -B "$BUILD-fuzz" -DCMAKE_BUILD_TYPE=RelWithDebInfo \
     -DCMAKE_C_COMPILER=clang -DCMAKE_CXX_COMPILER=clang++ \
     -DQUARL_BUILD_FUZZERS=ON -DQUARL_BUILD_TESTS=OFF -DQUARL_BUILD_TOOLS=OFF >/dev/null
-targets=(fuzz_profile_use fuzz_decode fuzz_roundtrip)
+targets=(fuzz_profile_use fuzz_decode fuzz_roundtrip fuzz_profile_file)
 cmake --build "$BUILD-fuzz" -j2 --target "${targets[@]}"
 pids=()
 for target in "${targets[@]}"; do

@@ -39,10 +39,14 @@
 #include <stdint.h>
 #include <stdio.h>
 
+/* Visibility of the public functions; a build that compiles the library
+ * into a module of its own (the LLVM plugin) defines it empty. */
+#ifndef QUARL_API
 #if defined(_WIN32)
 #define QUARL_API
 #else
 #define QUARL_API __attribute__((visibility("default")))
+#endif
 #endif
 
 #define QUARL_VERSION_MAJOR 0

@@ -17,11 +17,11 @@ build() { # MODE LEVEL OUTPUT SOURCE...
     [[ $1 == *.cpp ]] && compiler=$CLANGXX
     local sources=()
     for source in "$@"; do sources+=("$here/$source"); done
-    if [ "$mode" = naive ]; then
-        QUARL_NAIVE_COUNTS=1 "$compiler" "$level" -fpass-plugin="$PLUGIN" "${sources[@]}" "$RUNTIME" -lpthread -o "$output"
-    else
-        "$compiler" "$level" -fpass-plugin="$PLUGIN" "${sources[@]}" "$RUNTIME" -lpthread -o "$output"
-    fi
+    local settings=()
+    [ "$mode" = naive ] && settings+=(QUARL_NAIVE_COUNTS=1)
+    [ "$mode" = quarl ] && [ "$case_name" = atomic ] && settings+=(QUARL_ATOMIC_COUNTERS=1)
+    env "${settings[@]}" "$compiler" "$level" -fpass-plugin="$PLUGIN" "${sources[@]}" "$RUNTIME" \
+        -lpthread -o "$output"
 }
 
 # The case's runs of PROGRAM, all writing PROFILE.
@@ -36,7 +36,7 @@ run_case() { # PROGRAM PROFILE
 
 sources() {
     case $case_name in
-    control | concurrent) echo control.c ;;
+    control | concurrent | atomic) echo control.c ;;
     jumps) echo jumps.c ;;
     exceptions) echo exceptions.cpp ;;
     units) echo unit_a.c unit_b.c units_main.c ;;
@@ -59,6 +59,10 @@ for level in -O0 -O2; do
     blocks=$(grep -c '^  block' "$work/quarl.blocks")
     case $case_name in
     concurrent) grep -qx 'function main entry 4' "$work/quarl.blocks" || fail "four runs must give main four entries" ;;
+    atomic)
+        QUARL_ATOMIC_COUNTERS=1 "$CLANG" $level -fpass-plugin="$PLUGIN" -S -emit-llvm "$here/control.c" -o "$work/atomic.ll"
+        grep -q 'atomicrmw add' "$work/atomic.ll" || fail "QUARL_ATOMIC_COUNTERS=1 must give atomic increments"
+        ! grep -q 'load i64.*__quarl_counters' "$work/atomic.ll" || fail "a plain increment is left" ;;
     forks)
         grep -qx 'function main entry 1' "$work/quarl.blocks" || fail "the child counted its parent's entry"
         [ $level = -O2 ] || grep -q ':work entry 3$' "$work/quarl.blocks" ||

@@ -1,0 +1,66 @@
+// Fuzz target: the profile file reader on arbitrary bytes. It must give 1,
+// or 0 with a reason, and never read past the bytes it was given; what it
+// reads must write back to bytes that read as the same records, and adding
+// a profile to itself must double every count.
+#include <stdlib.h>
+#include <string.h>
+
+#include <vector>
+
+#include "fuzz_common.h"
+#include "quarl_profile.h"
+
+namespace {
+
+std::vector<uint8_t> written(const QuarlProfile &profile)
+{
+    char *bytes = nullptr;
+    size_t size = 0;
+    FILE *out = open_memstream(&bytes, &size);
+    FUZZ_CHECK(out != nullptr && quarl_profile_write(out, &profile));
+    fclose(out);
+    std::vector<uint8_t> copy(bytes, bytes + size);
+    free(bytes);
+    return copy;
+}
+
+bool same_record(const QuarlProfileFunction &a, const QuarlProfileFunction &b)
+{
+    return strcmp(a.key, b.key) == 0 && a.checksum == b.checksum && a.flags == b.flags &&
+           a.num_blocks == b.num_blocks && a.num_nodes == b.num_nodes &&
+           a.num_words == b.num_words && a.num_counters == b.num_counters &&
+           memcmp(a.words, b.words, size_t(a.num_words) * 4) == 0 &&
+           memcmp(a.counters, b.counters, size_t(a.num_counters) * 8) == 0;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
+{
+    // An exact-size copy, so that any read past it is reported.
+    std::vector<uint8_t> bytes(data, data + size);
+    QuarlProfile profile = QUARL_PROFILE_INIT;
+    char error[256] = "";
+    if (!quarl_profile_parse(bytes.data(), bytes.size(), &profile, error, sizeof error)) {
+        FUZZ_CHECK(error[0] != '\0' && profile.count == 0 && profile.functions == nullptr);
+        return 0;
+    }
+    std::vector<uint8_t> again = written(profile);
+    QuarlProfile reread = QUARL_PROFILE_INIT;
+    FUZZ_CHECK(quarl_profile_parse(again.data(), again.size(), &reread, error, sizeof error));
+    FUZZ_CHECK(reread.count == profile.count);
+    for (uint32_t i = 0; i < profile.count; ++i)
+        FUZZ_CHECK(same_record(profile.functions[i], reread.functions[i]));
+
+    // Records of distinct keys add to themselves; a key seen twice in one
+    // file is replaced or summed as it comes.
+    QuarlProfile doubled = QUARL_PROFILE_INIT;
+    for (int round = 0; round < 2; ++round)
+        for (uint32_t i = 0; i < profile.count; ++i)
+            FUZZ_CHECK(quarl_profile_add(&doubled, &profile.functions[i]));
+    FUZZ_CHECK(doubled.count <= profile.count);
+    quarl_profile_release(&doubled);
+    quarl_profile_release(&reread);
+    quarl_profile_release(&profile);
+    return 0;
+}
