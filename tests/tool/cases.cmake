@@ -128,3 +128,21 @@ quarl_tool_case(blocks_impossible_index 1
 quarl_tool_case(blocks_unresolvable 1 ARGS blocks @OUT@/unresolvable.words @OUT@/one.counters
     INPUTS unresolvable.words one.counters
     ERR "quarl: unresolvable.words: damaged stored words: their counters do not determine every block's count")
+
+# profile: what instrumented programs write (a sample from a small C
+# program); damaged and foreign files give status 1 and the reason.
+quarl_tool_case(profile_help 0 ARGS profile --help)
+quarl_tool_case(profile_show 0 ARGS profile show golden/sample.quarlprof)
+quarl_tool_case(profile_blocks 0 ARGS profile show --blocks golden/sample.quarlprof)
+quarl_tool_case(profile_merge 0 ARGS profile merge -o @OUT@/twice.quarlprof golden/sample.quarlprof
+    golden/sample.quarlprof PRODUCES twice.quarlprof)
+quarl_tool_case(profile_truncated 1 ARGS profile show golden/truncated.quarlprof
+    ERR "quarl: golden/truncated.quarlprof: truncated in the words or counters of function 0")
+quarl_tool_case(profile_foreign 1 ARGS profile show golden/example.bin
+    ERR "quarl: golden/example.bin: not a Quarl profile (no QUARLPRF header)")
+quarl_tool_case(profile_missing 1 ARGS profile show golden/none.quarlprof
+    ERR "quarl: golden/none.quarlprof: cannot open: No such file or directory")
+quarl_tool_case(profile_bad_action 2 ARGS profile list x
+    ERR "quarl profile: unknown action 'list' (expected 'show' or 'merge')\nTry 'quarl profile --help'.")
+quarl_tool_case(profile_merge_usage 2 ARGS profile merge golden/sample.quarlprof
+    ERR "quarl profile: merge needs -o OUT and at least one IN\nTry 'quarl profile --help'.")
