@@ -92,6 +92,8 @@ Instruction *insertionPoint(const PlannedEdge &Edge)
     case EdgeKind::AfterCall:
         return Edge.Call->getNextNode();
     case EdgeKind::Return:
+        if (CallInst *Tail = Edge.From->getTerminatingMustTailCall())
+            return Tail;
         return Edge.From->getTerminator();
     case EdgeKind::Virtual:
         return nullptr;

@@ -48,7 +48,9 @@ struct Planner {
         uint32_t Stretch = NodeOf[&BB];
         for (Instruction &I : BB) {
             auto *Call = dyn_cast<CallInst>(&I);
-            if (!Call)
+            // Nothing may stand between a musttail call and its return: the
+            // call is counted as part of the return.
+            if (!Call || Call->isMustTailCall())
                 continue;
             bool Leaves = mayLeaveMidBlock(*Call), Twice = returnsTwice(*Call);
             if (!Leaves && !Twice)

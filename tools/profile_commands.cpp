@@ -55,6 +55,8 @@ std::string readable_name(const std::string &key)
     size_t colon = key.rfind(':');
     std::string file = colon == std::string::npos ? "" : key.substr(0, colon + 1);
     std::string symbol = colon == std::string::npos ? key : key.substr(colon + 1);
+    if (symbol.compare(0, 2, "_Z") != 0) // a C name such as "f" is no type code
+        return file + symbol;
     int status = 0;
     char *demangled = abi::__cxa_demangle(symbol.c_str(), nullptr, nullptr, &status);
     if (status == 0 && demangled != nullptr)

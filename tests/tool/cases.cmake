@@ -146,3 +146,5 @@ quarl_tool_case(profile_bad_action 2 ARGS profile list x
     ERR "quarl profile: unknown action 'list' (expected 'show' or 'merge')\nTry 'quarl profile --help'.")
 quarl_tool_case(profile_merge_usage 2 ARGS profile merge golden/sample.quarlprof
     ERR "quarl profile: merge needs -o OUT and at least one IN\nTry 'quarl profile --help'.")
+# C++ names are demangled, C names are left as they are.
+quarl_tool_case(profile_names 0 ARGS profile show golden/names.quarlprof)

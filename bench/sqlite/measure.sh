@@ -1,0 +1,121 @@
+#!/usr/bin/env bash
+# Quarl on a real program: the SQLite amalgamation that the npm package
+# better-sqlite3@13.2.0 ships, fetched here with 'npm pack' (none of it is
+# kept in the repository), and the workload in workload.c. All builds -O2.
+#
+#   plain    no instrumentation
+#   quarl    the Quarl plugin and runtime
+#   naive    the plugin's test mode: every block counts its own entries
+#   clang    clang's own instrumentation, -fprofile-generate
+#
+# Checks that every block count of the Quarl profile equals the naive
+# count, then prints the figures of the README: functions instrumented,
+# counters per block, compile-time overhead of the plugin (best of
+# COMPILES), run time of each instrumented build next to the plain one
+# (best of RUNS), and profile bytes next to clang's .profraw.
+# Usage: bench/sqlite/measure.sh [BUILD_DIR] ; SCALE, RUNS, COMPILES from
+# the environment (defaults 10, 5, 2).
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+build=$(cd "${1:-$here/../../build}" && pwd)
+scale=${SCALE:-10}
+runs=${RUNS:-5}
+compiles=${COMPILES:-2}
+plugin=$build/llvm-plugin/quarl_llvm.so
+runtime=$build/runtime/libquarl_rt.a
+quarl=$build/tools/quarl
+command -v bc >/dev/null || { echo "needs bc (apt-get install -y bc) and npm" >&2; exit 2; }
+for needed in "$plugin" "$runtime" "$quarl"; do
+    [ -e "$needed" ] || { echo "missing $needed: build Quarl with LLVM 14 first" >&2; exit 2; }
+done
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+npm pack --silent better-sqlite3@13.2.0 >/dev/null
+tar xzf better-sqlite3-13.2.0.tgz package/deps/sqlite3
+src=$work/package/deps/sqlite3
+
+seconds() { # COMMAND... : wall seconds of one run
+    local start end
+    start=$(date +%s.%N)
+    "$@" >/dev/null
+    end=$(date +%s.%N)
+    echo "$end - $start" | bc
+}
+best() { # N COMMAND... : the best of N runs
+    local n=$1 best=
+    shift
+    for _ in $(seq "$n"); do
+        local t
+        t=$(seconds "$@")
+        if [ -z "$best" ] || [ "$(echo "$t < $best" | bc)" = 1 ]; then best=$t; fi
+    done
+    echo "$best"
+}
+
+compile() { # VARIANT : compiles sqlite3.c to VARIANT.o
+    case $1 in
+    plain) clang-14 -O2 -c "$src/sqlite3.c" -o plain.o ;;
+    quarl) clang-14 -O2 -fpass-plugin="$plugin" -c "$src/sqlite3.c" -o quarl.o ;;
+    naive) QUARL_NAIVE_COUNTS=1 clang-14 -O2 -fpass-plugin="$plugin" -c "$src/sqlite3.c" -o naive.o ;;
+    clang) clang-14 -O2 -fprofile-generate -c "$src/sqlite3.c" -o clang.o ;;
+    esac
+}
+link() { # VARIANT
+    local extra=()
+    case $1 in
+    quarl | naive) extra=(-fpass-plugin="$plugin" "$runtime") ;;
+    clang) extra=(-fprofile-generate) ;;
+    esac
+    [ "$1" = naive ] && export QUARL_NAIVE_COUNTS=1
+    clang-14 -O2 -I"$src" "$here/workload.c" "$1.o" "${extra[@]}" -lpthread -ldl -lm -o "$1"
+    unset QUARL_NAIVE_COUNTS
+}
+
+echo "compiling sqlite3.c (best of $compiles for plain and quarl)..." >&2
+compile_plain=$(best "$compiles" compile plain)
+compile_quarl=$(best "$compiles" compile quarl)
+compile naive
+compile clang
+for variant in plain quarl naive clang; do link $variant; done
+
+# The block counts of one run against the direct count.
+QUARL_PROFILE_FILE=$work/check.quarlprof ./quarl "$scale" >quarl.out
+QUARL_PROFILE_FILE=$work/naive.quarlprof ./naive "$scale" >naive.out
+cmp -s quarl.out naive.out || { echo "the two builds disagree on the workload's results" >&2; exit 1; }
+"$quarl" profile show --blocks check.quarlprof >quarl.blocks
+"$quarl" profile show --blocks naive.quarlprof >naive.blocks
+if ! cmp -s quarl.blocks naive.blocks; then
+    diff naive.blocks quarl.blocks | head -20 >&2
+    echo "FAIL: block counts differ from the direct count" >&2
+    exit 1
+fi
+checked=$(grep -c '^  block' quarl.blocks)
+
+echo "running the workload (scale $scale, best of $runs)..." >&2
+run_plain=$(best "$runs" ./plain "$scale")
+run_quarl=$(QUARL_PROFILE_FILE=$work/runs.quarlprof best "$runs" ./quarl "$scale")
+run_clang=$(LLVM_PROFILE_FILE=$work/runs-%p.profraw best "$runs" ./clang "$scale")
+rm -f runs-*.profraw
+LLVM_PROFILE_FILE=$work/one.profraw ./clang "$scale" >/dev/null
+
+"$quarl" profile show check.quarlprof >summary.txt
+functions=$(($(wc -l <summary.txt) - 1))
+counters=$(awk 'NR > 1 { n += $4 } END { print n }' summary.txt)
+blocks=$(awk 'NR > 1 { split($2, r, "/"); n += r[2] } END { print n }' summary.txt)
+ratio() { echo "scale=3; $1 / $2" | bc; }
+percent() { echo "scale=1; 100 * ($1 - $2) / $2" | bc; }
+
+cat <<TABLE
+| figure | value |
+|---|---|
+| block counts checked against the direct count | $checked, all equal |
+| functions instrumented | $functions |
+| counters per block | $counters / $blocks = $(ratio "$counters" "$blocks") |
+| compile sqlite3.c -O2, plain / with the plugin | ${compile_plain} s / ${compile_quarl} s (+$(percent "$compile_quarl" "$compile_plain")%) |
+| workload run time: plain | ${run_plain} s |
+| workload run time: Quarl instrumented | ${run_quarl} s (+$(percent "$run_quarl" "$run_plain")%) |
+| workload run time: clang -fprofile-generate | ${run_clang} s (+$(percent "$run_clang" "$run_plain")%) |
+| profile bytes: Quarl / clang .profraw | $(stat -c %s check.quarlprof) / $(stat -c %s one.profraw) |
+TABLE
