@@ -82,52 +82,73 @@ bool place(const RoutineGraph &Plan, Placement &Out)
     return Encoded != nullptr;
 }
 
-// Where the counter of an edge goes: splitting the edge when it is critical.
-// Null when it cannot be split (indirectbr, callbr).
-Instruction *insertionPoint(const PlannedEdge &Edge)
+// Where a counter goes: in the code at the edge's own place, or on a branch
+// edge at the end of its source or the start of its destination when the
+// edge is the only way out or in, else in a block split onto the edge.
+enum class CounterSite { Fixed, EndOfSource, StartOfDest, SplitLandingPad, SplitEdge, Nowhere };
+
+CounterSite counterSite(const PlannedEdge &Edge)
+{
+    if (Edge.Kind == EdgeKind::Virtual)
+        return CounterSite::Nowhere;
+    if (Edge.Kind != EdgeKind::Branch)
+        return CounterSite::Fixed;
+    if (Edge.From->getUniqueSuccessor() == Edge.To)
+        return CounterSite::EndOfSource;
+    if (Edge.To->getUniquePredecessor() == Edge.From)
+        return CounterSite::StartOfDest;
+    if (Edge.To->isLandingPad())
+        return CounterSite::SplitLandingPad;
+    // Edges out of indirectbr and callbr, and into other EH pads, cannot be
+    // split.
+    const Instruction *Term = Edge.From->getTerminator();
+    if (isa<IndirectBrInst>(Term) || isa<CallBrInst>(Term) || Edge.To->isEHPad())
+        return CounterSite::Nowhere;
+    return CounterSite::SplitEdge;
+}
+
+Instruction *fixedPlace(const PlannedEdge &Edge)
 {
     switch (Edge.Kind) {
     case EdgeKind::FunctionEntry:
         return &*Edge.From->getFirstInsertionPt();
     case EdgeKind::AfterCall:
         return Edge.Call->getNextNode();
-    case EdgeKind::Return:
+    default: // a return; nothing may come between a musttail call and it
         if (CallInst *Tail = Edge.From->getTerminatingMustTailCall())
             return Tail;
         return Edge.From->getTerminator();
-    case EdgeKind::Virtual:
-        return nullptr;
-    case EdgeKind::Branch:
-        break;
     }
+}
+
+// The instruction the counter goes before, splitting the edge if needed.
+Instruction *insertionPoint(const PlannedEdge &Edge)
+{
     BasicBlock *From = Edge.From, *To = Edge.To;
-    if (From->getUniqueSuccessor() == To)
+    switch (counterSite(Edge)) {
+    case CounterSite::Fixed:
+        return fixedPlace(Edge);
+    case CounterSite::EndOfSource:
         return From->getTerminator();
-    if (To->getUniquePredecessor() == From)
+    case CounterSite::StartOfDest:
         return &*To->getFirstInsertionPt();
-    if (To->isLandingPad()) {
+    case CounterSite::SplitLandingPad: {
         SmallVector<BasicBlock *, 2> NewBlocks;
         SplitLandingPadPredecessors(To, {From}, ".quarl", ".quarl.rest", NewBlocks);
         return &*NewBlocks[0]->getFirstInsertionPt();
     }
-    Instruction *Term = From->getTerminator();
-    for (unsigned I = 0; I < Term->getNumSuccessors(); ++I)
-        if (Term->getSuccessor(I) == To)
-            if (BasicBlock *Split = SplitCriticalEdge(
-                    Term, I, CriticalEdgeSplittingOptions().setMergeIdenticalEdges()))
-                return &*Split->getFirstInsertionPt();
-    return nullptr;
-}
-
-bool canCount(const PlannedEdge &Edge)
-{
-    if (Edge.Kind == EdgeKind::Virtual)
-        return false;
-    if (Edge.Kind != EdgeKind::Branch || Edge.From->getUniqueSuccessor() == Edge.To ||
-        Edge.To->getUniquePredecessor() == Edge.From || Edge.To->isLandingPad())
-        return true;
-    return !isa<IndirectBrInst>(Edge.From->getTerminator()) &&
-           !isa<CallBrInst>(Edge.From->getTerminator()) && !Edge.To->isEHPad();
+    case CounterSite::SplitEdge: {
+        Instruction *Term = From->getTerminator();
+        for (unsigned I = 0; I < Term->getNumSuccessors(); ++I)
+            if (Term->getSuccessor(I) == To)
+                return &*SplitCriticalEdge(Term, I, CriticalEdgeSplittingOptions().setMergeIdenticalEdges())
+                             ->getFirstInsertionPt();
+        break;
+    }
+    case CounterSite::Nowhere:
+        break;
+    }
+    llvm_unreachable("counters are placed only where counterSite() finds a place");
 }
 
 class QuarlInstrumentPass : public PassInfoMixin<QuarlInstrumentPass> {
@@ -202,7 +223,7 @@ bool QuarlInstrumentPass::instrument(Function &F, FunctionAnalysisManager &FAM, 
     for (size_t E = 0; E < Plan.Edges.size(); ++E) {
         if (Placed.CounterOfEdge[E] < 0)
             continue;
-        if (!canCount(Plan.Edges[E])) {
+        if (counterSite(Plan.Edges[E]) == CounterSite::Nowhere) {
             warn(F, "a counter falls on an edge where no code can go; not instrumented");
             return false;
         }

@@ -81,7 +81,7 @@ struct Solver {
     uint64_t *value;          // per edge: loaded, computed, or 0
     uint64_t *incoming;       // per node
     uint64_t *outgoing;       // per node
-    uint32_t *src, *dest, *counter; // per edge
+    uint32_t *src, *dest;     // per edge
     uint32_t *first_adjacent; // per node + 1: where its edges start in adjacent
     uint32_t *adjacent;       // edge indices, node by node; a self-loop once
     uint32_t *unsettled;      // per node: edges neither instrumented nor computed
@@ -95,30 +95,22 @@ struct Solver {
 bool reachable(const Solver &s, uint32_t e) { return s.flags[e] & QUARL_RECORD_REACHABLE; }
 bool instrumented(const Solver &s, uint32_t e) { return s.flags[e] & QUARL_RECORD_INSTRUMENTED; }
 
-// Carves the arrays from one allocation, widest first so that each is
-// aligned.
-bool allocate(Solver &s)
+// Lays the arrays out from base, widest first so that each is aligned, and
+// returns the bytes they take; with a null base it only measures.
+uint64_t lay_out(Solver &s, char *base)
 {
     const uint64_t edges = s.num_edges, nodes = s.num_nodes;
-    const uint64_t bytes = 8 * (edges + 2 * nodes) +
-                           4 * (3 * edges + (nodes + 1) + 2 * edges + 2 * nodes + (nodes + edges)) +
-                           edges + nodes;
-    if (bytes > SIZE_MAX)
-        return false;
-    s.block = quarl_mem_alloc(static_cast<size_t>(bytes));
-    if (s.block == nullptr)
-        return false;
-    char *at = static_cast<char *>(s.block);
-    auto carve = [&at](auto **array, uint64_t count) {
-        *array = reinterpret_cast<std::remove_reference_t<decltype(**array)> *>(at);
-        at += count * sizeof(**array);
+    uint64_t used = 0;
+    auto carve = [&](auto **array, uint64_t count) {
+        if (base != nullptr)
+            *array = reinterpret_cast<std::remove_reference_t<decltype(**array)> *>(base + used);
+        used += count * sizeof(**array);
     };
     carve(&s.value, edges);
     carve(&s.incoming, nodes);
     carve(&s.outgoing, nodes);
     carve(&s.src, edges);
     carve(&s.dest, edges);
-    carve(&s.counter, edges);
     carve(&s.first_adjacent, nodes + 1);
     carve(&s.adjacent, 2 * edges);
     carve(&s.unsettled, nodes);
@@ -126,6 +118,16 @@ bool allocate(Solver &s)
     carve(&s.queue, nodes + edges);
     carve(&s.flags, edges);
     carve(&s.state, nodes);
+    return used;
+}
+
+bool allocate(Solver &s)
+{
+    uint64_t bytes = lay_out(s, nullptr);
+    s.block = bytes <= SIZE_MAX ? quarl_mem_alloc(static_cast<size_t>(bytes)) : nullptr;
+    if (s.block == nullptr)
+        return false;
+    lay_out(s, static_cast<char *>(s.block));
     return true;
 }
 
@@ -149,7 +151,6 @@ bool load_edges(Solver &s, const uint32_t *buffer, uint32_t length, const uint64
         const QuarlStoredRecord &record = edge.record;
         s.src[e] = edge.src;
         s.dest[e] = record.dest_idx;
-        s.counter[e] = record.counter_idx;
         s.flags[e] = static_cast<uint8_t>(record.flags);
         bool counted = record.flags & QUARL_RECORD_INSTRUMENTED;
         if (counted && !(record.flags & QUARL_RECORD_REACHABLE))
@@ -243,18 +244,18 @@ bool resolve(Solver &s)
         uint32_t node = s.queue[head++];
         if (s.unsettled[node] > 1)
             return false;
-        if (s.unsettled[node] == 1) {
-            uint32_t last = s.unsettled_xor[node];
-            resolve_last_edge(s, node, last);
-            uint32_t far_end = s.dest[last] == node ? s.src[last] : s.dest[last];
-            s.state[node] &= static_cast<uint8_t>(~node_remaining);
-            if (s.unsettled[far_end] <= 1 && (s.state[far_end] & node_remaining)) {
-                QUARL_CHECK_FOR("quarl_compute_blocks_from_edges", tail < uint64_t{s.num_nodes} + s.num_edges,
-                                "tail < num_nodes + num_edges");
-                s.queue[tail++] = far_end;
-            }
-        } else {
-            s.state[node] &= static_cast<uint8_t>(~node_remaining);
+        s.state[node] &= static_cast<uint8_t>(~node_remaining);
+        if (s.unsettled[node] == 0)
+            continue;
+        uint32_t last = s.unsettled_xor[node];
+        resolve_last_edge(s, node, last);
+        uint32_t far_end = s.dest[last] == node ? s.src[last] : s.dest[last];
+        if (s.unsettled[far_end] <= 1 && (s.state[far_end] & node_remaining)) {
+            // Every node is queued at most once at the start and once per
+            // edge resolved.
+            QUARL_CHECK_FOR("quarl_compute_blocks_from_edges", tail < uint64_t{s.num_nodes} + s.num_edges,
+                            "tail < num_nodes + num_edges");
+            s.queue[tail++] = far_end;
         }
     }
     for (uint32_t n = 0; n < s.num_nodes; ++n)

@@ -167,10 +167,9 @@ extern "C" void quarl_node_queue_release(QuarlNodeQueue *queue)
 extern "C" bool quarl_node_queue_append(QuarlNodeQueue *queue, QuarlInstNode *node)
 {
     if (queue->m_tail == queue->m_capacity) {
-        uint32_t waiting = queue->m_tail - queue->m_head;
-        if (queue->m_head > queue->m_capacity / 2) {
-            memmove(queue->m_nodes, queue->m_nodes + queue->m_head, sizeof(QuarlInstNode *) * waiting);
-        } else {
+        // Grow when most of the array still waits; otherwise the taken half
+        // is reused. Either way the waiting nodes move to the front.
+        if (queue->m_head <= queue->m_capacity / 2) {
             uint64_t capacity = queue->m_capacity < 16 ? 16 : uint64_t{queue->m_capacity} * 2;
             if (capacity > UINT32_MAX || capacity > SIZE_MAX / sizeof(QuarlInstNode *))
                 return false;
@@ -179,8 +178,9 @@ extern "C" bool quarl_node_queue_append(QuarlNodeQueue *queue, QuarlInstNode *no
                 return false;
             queue->m_nodes = static_cast<QuarlInstNode **>(grown);
             queue->m_capacity = static_cast<uint32_t>(capacity);
-            memmove(queue->m_nodes, queue->m_nodes + queue->m_head, sizeof(QuarlInstNode *) * waiting);
         }
+        uint32_t waiting = queue->m_tail - queue->m_head;
+        memmove(queue->m_nodes, queue->m_nodes + queue->m_head, sizeof(QuarlInstNode *) * waiting);
         queue->m_head = 0;
         queue->m_tail = waiting;
     }

@@ -125,7 +125,7 @@ void trace_round_two_header(const QuarlNodeQueue *deferred_queue)
     fputs(round_two_rule, stderr);
     fputs("Begin formula round 2 for forced edges.\n", stderr);
     fputs("Remaining nodes:\n", stderr);
-    for (uint64_t i = deferred_queue->m_head; i < deferred_queue->m_tail; ++i) {
+    for (uint32_t i = deferred_queue->m_head; i < deferred_queue->m_tail; ++i) {
         char label[QUARL_NAME_BUF_LEN];
         fprintf(stderr, "Node: %s\n",
                 quarl_inst_node_get_label(deferred_queue->m_nodes[i], label, QUARL_NAME_BUF_LEN));

@@ -27,7 +27,7 @@ std::string describe(const GraphPtr &graph, uint32_t count = UINT32_MAX)
 Positions blocks_in(const QuarlNodeQueue &queue)
 {
     Positions blocks;
-    for (uint64_t i = queue.m_head; i < queue.m_tail; ++i)
+    for (uint32_t i = queue.m_head; i < queue.m_tail; ++i)
         blocks.push_back(queue.m_nodes[i]->m_seg_block_idx);
     return blocks;
 }
