@@ -8,11 +8,12 @@
 #include <algorithm>
 
 #include "quarl_profile.h"
+#include "quarl_profile_counts.h"
 
 namespace {
 
 const char profile_help[] =
-    "usage: quarl profile show [--blocks] FILE\n"
+    "usage: quarl profile show [--blocks | --edges] [--function NAME] FILE\n"
     "       quarl profile merge -o OUT IN...\n"
     "\n"
     "Profiles are what programs built with the Quarl LLVM plugin write at exit\n"
@@ -24,6 +25,14 @@ const char profile_help[] =
     "               for scripts, functions by key: 'function KEY entry COUNT',\n"
     "               then '  block N COUNT' for each block N of its graph\n"
     "               (node 2 + i is the function's i-th basic block)\n"
+    "  show --edges\n"
+    "               like --blocks, with '  edge SRC -> DEST COUNT' for each edge\n"
+    "               of the graph instead: the counts that profile use derives and\n"
+    "               turns into branch weights ('counter I' on counted edges,\n"
+    "               'pseudo' on edges from the pseudo entry or to the pseudo exit)\n"
+    "  --function NAME\n"
+    "               only the function NAME (its key, its symbol or its\n"
+    "               demangled name)\n"
     "  merge        adds the counts of every IN into OUT (records of the same\n"
     "               function and code are summed; a record made from other code\n"
     "               is replaced by the later one)\n";
@@ -69,26 +78,50 @@ std::string readable_name(const std::string &key)
 // words and counters do not give counts.
 bool block_counts(const QuarlProfileFunction &f, std::vector<uint64_t> *counts)
 {
-    if (f.flags & QUARL_PROFILE_DIRECT_COUNTS) {
-        counts->assign(f.counters, f.counters + f.num_counters);
-        return true;
-    }
     std::vector<uint64_t> nodes(f.num_nodes);
-    if (quarl_compute_blocks_from_edges(f.words, f.num_words, f.counters, f.num_counters,
-                                        nodes.data(), f.num_nodes) != 1)
+    if (!quarl_profile_node_counts(&f, nodes.data()))
         return false;
     counts->assign(nodes.begin() + 2, nodes.begin() + 2 + f.num_blocks);
     return true;
 }
 
+// A NAME given to --function names a record by its key, its symbol (the
+// key without "FILE:") or its demangled name.
+bool names_function(const std::string &name, const std::string &key)
+{
+    size_t colon = key.rfind(':');
+    std::string symbol = colon == std::string::npos ? key : key.substr(colon + 1);
+    return name == key || name == symbol || name == readable_name(key);
+}
+
 struct Row {
+    const QuarlProfileFunction *record;
     std::string key;
     uint64_t entry;
     std::vector<uint64_t> blocks;
-    uint32_t counters;
 };
 
-int show(const std::string &path, bool blocks)
+enum class ShowForm { Table, Blocks, Edges };
+
+void print_edges(const Row &row)
+{
+    QuarlProfileEdge *edges = nullptr;
+    uint32_t count = 0;
+    if (!quarl_profile_edge_counts(row.record, &edges, &count)) {
+        printf("  (edge counts not recorded: direct block counts)\n");
+        return;
+    }
+    for (uint32_t i = 0; i < count; ++i) {
+        printf("  edge %u -> %u %llu", edges[i].src, edges[i].dest,
+               (unsigned long long)edges[i].count);
+        if (edges[i].counter != QUARL_PROFILE_NO_COUNTER)
+            printf(" counter %u", edges[i].counter);
+        printf("%s\n", edges[i].is_pseudo ? " pseudo" : "");
+    }
+    free(edges);
+}
+
+int show(const std::string &path, ShowForm form, const std::string &function)
 {
     ProfilePtr profile = read_profile(path);
     if (!profile)
@@ -97,7 +130,9 @@ int show(const std::string &path, bool blocks)
     int status = status_ok;
     for (uint32_t i = 0; i < profile->count; ++i) {
         const QuarlProfileFunction &f = profile->functions[i];
-        Row row{f.key, 0, {}, f.num_counters};
+        if (!function.empty() && !names_function(function, f.key))
+            continue;
+        Row row{&f, f.key, 0, {}};
         if (!block_counts(f, &row.blocks)) {
             report_error("%s: the record of %s does not give block counts (damaged)", path.c_str(),
                          f.key);
@@ -107,12 +142,19 @@ int show(const std::string &path, bool blocks)
         row.entry = row.blocks.empty() ? 0 : row.blocks[0];
         rows.push_back(std::move(row));
     }
-    if (blocks) {
+    if (!function.empty() && rows.empty() && status == status_ok) {
+        report_error("%s: no function '%s'", path.c_str(), function.c_str());
+        return status_bad_data;
+    }
+    if (form != ShowForm::Table) {
         std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.key < b.key; });
         for (const Row &row : rows) {
             printf("function %s entry %llu\n", row.key.c_str(), (unsigned long long)row.entry);
-            for (size_t b = 0; b < row.blocks.size(); ++b)
-                printf("  block %zu %llu\n", b + 2, (unsigned long long)row.blocks[b]);
+            if (form == ShowForm::Edges)
+                print_edges(row);
+            else
+                for (size_t b = 0; b < row.blocks.size(); ++b)
+                    printf("  block %zu %llu\n", b + 2, (unsigned long long)row.blocks[b]);
         }
         return status;
     }
@@ -124,7 +166,7 @@ int show(const std::string &path, bool blocks)
                                           [](uint64_t count) { return count != 0; }));
         std::string ratio = std::to_string(run) + "/" + std::to_string(row.blocks.size());
         printf("%20llu  %13s  %8u  %s\n", (unsigned long long)row.entry, ratio.c_str(),
-               row.counters, readable_name(row.key).c_str());
+               row.record->num_counters, readable_name(row.key).c_str());
     }
     return status;
 }
@@ -179,21 +221,31 @@ int run_profile(int argc, char **argv)
     std::string action = args[0];
     args.erase(args.begin());
     if (action == "show") {
-        bool blocks = false;
+        ShowForm form = ShowForm::Table;
+        std::string function;
         std::vector<std::string> files;
-        for (const std::string &arg : args) {
-            if (arg == "--blocks")
-                blocks = true;
-            else if (arg == "--help" || arg == "-h")
+        for (size_t i = 0; i < args.size(); ++i) {
+            const std::string &arg = args[i];
+            if (arg == "--blocks" || arg == "--edges") {
+                ShowForm wanted = arg == "--blocks" ? ShowForm::Blocks : ShowForm::Edges;
+                if (form != ShowForm::Table && form != wanted)
+                    return usage("--blocks and --edges exclude each other");
+                form = wanted;
+            } else if (arg == "--function" && i + 1 < args.size()) {
+                function = args[++i];
+            } else if (arg == "--function") {
+                return usage("option --function needs a NAME");
+            } else if (arg == "--help" || arg == "-h") {
                 return fputs(profile_help, stdout), status_ok;
-            else if (arg.size() > 1 && arg[0] == '-')
+            } else if (arg.size() > 1 && arg[0] == '-') {
                 return usage(("unknown option '" + arg + "'").c_str());
-            else
+            } else {
                 files.push_back(arg);
+            }
         }
         if (files.size() != 1)
             return usage("show takes one FILE");
-        return show(files[0], blocks);
+        return show(files[0], form, function);
     }
     if (action == "merge") {
         std::string out;

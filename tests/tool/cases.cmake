@@ -148,3 +148,11 @@ quarl_tool_case(profile_merge_usage 2 ARGS profile merge golden/sample.quarlprof
     ERR "quarl profile: merge needs -o OUT and at least one IN\nTry 'quarl profile --help'.")
 # C++ names are demangled, C names are left as they are.
 quarl_tool_case(profile_names 0 ARGS profile show golden/names.quarlprof)
+# The edge counts that profile use turns into branch weights; --function
+# picks a function by its symbol (static ones carry "FILE:" in their key).
+quarl_tool_case(profile_edges 0 ARGS profile show --edges --function classify golden/sample.quarlprof)
+quarl_tool_case(profile_function_blocks 0 ARGS profile show --blocks --function main golden/sample.quarlprof)
+quarl_tool_case(profile_function_missing 1 ARGS profile show --function absent golden/sample.quarlprof
+    ERR "quarl: golden/sample.quarlprof: no function 'absent'")
+quarl_tool_case(profile_edges_and_blocks 2 ARGS profile show --edges --blocks golden/sample.quarlprof
+    ERR "quarl profile: --blocks and --edges exclude each other\nTry 'quarl profile --help'.")

@@ -1,0 +1,195 @@
+// Profile use: the counts of a training run go back to LLVM's optimiser as
+// its own profiles do. For each function with a record, the graph is built
+// and placed again; only when that gives the stored words (same source, same
+// flags) does the record apply. Quarl derives every edge's count from the
+// stored words and counters; they become the function's entry count and the
+// branch weights of its terminators, and the whole profile's block counts
+// become the module's profile summary.
+#include <algorithm>
+#include <memory>
+
+#include "llvm/ADT/DenseMap.h"
+#include "llvm/ADT/SmallPtrSet.h"
+#include "llvm/ADT/StringMap.h"
+#include "llvm/Analysis/ProfileSummaryInfo.h"
+#include "llvm/IR/CFG.h"
+#include "llvm/IR/DiagnosticInfo.h"
+#include "llvm/IR/Instructions.h"
+#include "llvm/IR/MDBuilder.h"
+#include "llvm/IR/Module.h"
+#include "llvm/IR/ProfileSummary.h"
+#include "llvm/ProfileData/InstrProf.h"
+#include "llvm/ProfileData/ProfileCommon.h"
+
+#include "QuarlPasses.h"
+#include "quarl_profile.h"
+#include "quarl_profile_counts.h"
+
+using namespace llvm;
+
+namespace quarl_llvm {
+namespace {
+
+struct ProfileDeleter {
+    void operator()(QuarlProfile *Profile) const
+    {
+        quarl_profile_release(Profile);
+        delete Profile;
+    }
+};
+
+struct EdgeArrayDeleter {
+    void operator()(QuarlProfileEdge *Edges) const { std::free(Edges); }
+};
+
+// The counts profile use gives one function.
+struct FunctionCounts {
+    Function *F = nullptr;
+    uint64_t Entry = 0, MaxCount = 0;
+    DenseMap<std::pair<const BasicBlock *, const BasicBlock *>, uint64_t> BranchCount;
+};
+
+// The summary LLVM's profiles carry, over every function of the profile:
+// its entry count, then its other blocks' counts. Records that do not give
+// counts are left out here; a function of this module that has one is
+// warned about when it is annotated.
+std::unique_ptr<ProfileSummary> summarise(const QuarlProfile &Profile)
+{
+    InstrProfSummaryBuilder Builder(ProfileSummaryBuilder::DefaultCutoffs);
+    std::vector<uint64_t> Nodes;
+    for (uint32_t I = 0; I < Profile.count; ++I) {
+        const QuarlProfileFunction &Record = Profile.functions[I];
+        Nodes.resize(Record.num_nodes);
+        if (Record.num_blocks == 0 || !quarl_profile_node_counts(&Record, Nodes.data()))
+            continue;
+        Builder.addRecord(InstrProfRecord(
+            std::vector<uint64_t>(Nodes.begin() + 2, Nodes.begin() + 2 + Record.num_blocks)));
+    }
+    return Builder.getSummary();
+}
+
+// The record applies when placing the function now gives its stored words.
+bool recordFits(const QuarlProfileFunction &Record, const RoutineGraph &Plan, const Placement &Placed)
+{
+    return Record.flags == 0 && Record.num_blocks == Plan.NumBlocks &&
+           Record.num_nodes == Plan.NumNodes && Record.num_counters == Placed.NumCounters &&
+           Record.num_words == Placed.Words.size() &&
+           std::equal(Placed.Words.begin(), Placed.Words.end(), Record.words);
+}
+
+bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysisManager &FAM,
+                FunctionCounts &Out)
+{
+    RoutineGraph Plan = planFunction(F, FAM);
+    Placement Placed;
+    if (!placeCounters(Plan, Placed)) {
+        warn(F, "no counter placement found; compiled without profile");
+        return false;
+    }
+    if (!recordFits(Record, Plan, Placed)) {
+        warn(F, "the profile was made from other code (the source or the compiler flags changed); "
+                "compiled without profile");
+        return false;
+    }
+    QuarlProfileEdge *Raw = nullptr;
+    uint32_t NumEdges = 0;
+    if (!quarl_profile_edge_counts(&Record, &Raw, &NumEdges)) {
+        warn(F, "the profile's counters give no counts (damaged); compiled without profile");
+        return false;
+    }
+    std::unique_ptr<QuarlProfileEdge, EdgeArrayDeleter> Edges(Raw);
+    // Each (source, destination) pair of nodes is one edge of the plan.
+    DenseMap<std::pair<uint32_t, uint32_t>, uint64_t> CountOf;
+    for (uint32_t E = 0; E < NumEdges; ++E) {
+        const QuarlProfileEdge &Edge = Edges.get()[E];
+        CountOf[{Edge.src, Edge.dest}] += Edge.count;
+        Out.MaxCount = std::max(Out.MaxCount, Edge.count);
+    }
+    Out.F = &F;
+    Out.Entry = CountOf.lookup({PseudoEntry, 2});
+    for (const PlannedEdge &Edge : Plan.Edges)
+        if (Edge.Kind == EdgeKind::Branch)
+            Out.BranchCount[{Edge.From, Edge.To}] = CountOf.lookup({Edge.Src, Edge.Dest});
+    return true;
+}
+
+// Weights in successor order, as LLVM's own profiles give them: a block
+// reached by several successors of one terminator (switch cases sharing a
+// block) takes the count at its first, a terminator that never ran gets
+// none, and counts beyond 32 bits are scaled down together.
+void setBranchWeights(const FunctionCounts &Counts)
+{
+    for (BasicBlock &BB : *Counts.F) {
+        Instruction *Term = BB.getTerminator();
+        if (Term->getNumSuccessors() < 2)
+            continue;
+        SmallVector<uint64_t, 4> Weights;
+        SmallPtrSet<BasicBlock *, 8> Seen;
+        uint64_t Max = 0;
+        for (BasicBlock *Succ : successors(&BB)) {
+            Weights.push_back(Seen.insert(Succ).second ? Counts.BranchCount.lookup({&BB, Succ}) : 0);
+            Max = std::max(Max, Weights.back());
+        }
+        if (Max == 0)
+            continue;
+        uint64_t Scale = Max < UINT32_MAX ? 1 : Max / UINT32_MAX + 1;
+        SmallVector<uint32_t, 4> Scaled;
+        for (uint64_t W : Weights)
+            Scaled.push_back(uint32_t(W / Scale));
+        Term->setMetadata(LLVMContext::MD_prof, MDBuilder(Term->getContext()).createBranchWeights(Scaled));
+    }
+}
+
+} // namespace
+
+PreservedAnalyses QuarlProfileUsePass::run(Module &M, ModuleAnalysisManager &MAM)
+{
+    std::unique_ptr<QuarlProfile, ProfileDeleter> Profile(new QuarlProfile QUARL_PROFILE_INIT);
+    char Error[256];
+    if (Path.empty()) {
+        M.getContext().diagnose(DiagnosticInfoPGOProfile(
+            M.getSourceFileName().c_str(), "quarl: no profile named; compiling without profile", DS_Warning));
+        return PreservedAnalyses::all();
+    }
+    if (!quarl_profile_read_file(Path.c_str(), Profile.get(), Error, sizeof Error)) {
+        M.getContext().diagnose(DiagnosticInfoPGOProfile(
+            Path.c_str(), Twine("quarl: ") + Error + "; compiling without profile", DS_Warning));
+        return PreservedAnalyses::all();
+    }
+    StringMap<const QuarlProfileFunction *> ByKey;
+    for (uint32_t I = 0; I < Profile->count; ++I)
+        ByKey[Profile->functions[I].key] = &Profile->functions[I];
+
+    // Every function's graph is placed before any attribute changes: the
+    // static estimate of a caller looks at its callees' attributes, and
+    // must be the one the instrumented build saw.
+    FunctionAnalysisManager &FAM = MAM.getResult<FunctionAnalysisManagerModuleProxy>(M).getManager();
+    std::vector<FunctionCounts> Annotated;
+    for (Function *F : handledFunctions(M)) {
+        auto Found = ByKey.find(profileKey(*F));
+        if (Found == ByKey.end())
+            continue; // not in the profile: compiled as without one
+        FunctionCounts Counts;
+        if (readCounts(*F, *Found->second, FAM, Counts))
+            Annotated.push_back(std::move(Counts));
+    }
+    M.setProfileSummary(summarise(*Profile)->getMD(M.getContext()), ProfileSummary::PSK_Instr);
+
+    ProfileSummaryInfo PSI(M);
+    for (FunctionCounts &Counts : Annotated) {
+        Function &F = *Counts.F;
+        F.setEntryCount(Function::ProfileCount(Counts.Entry, Function::PCT_Real));
+        if (Counts.MaxCount != 0)
+            setBranchWeights(Counts);
+        // Hot and cold functions as LLVM's profiles mark them; a user's
+        // hot attribute wins over a cold profile.
+        if (PSI.isHotCount(Counts.Entry))
+            F.addFnAttr(Attribute::InlineHint);
+        else if (PSI.isColdCount(Counts.MaxCount) && !F.hasFnAttribute(Attribute::Hot))
+            F.addFnAttr(Attribute::Cold);
+        FAM.invalidate(F, PreservedAnalyses::none());
+    }
+    return PreservedAnalyses::none();
+}
+
+} // namespace quarl_llvm

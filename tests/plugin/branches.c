@@ -1,0 +1,65 @@
+/* Branches taken in known ratios, for profile use: each function runs
+ * 100 times from main, so its branch weights are the ratios themselves. */
+#include <stdio.h>
+
+static volatile int sink;
+
+/* 99:1 */
+__attribute__((noinline)) void mostly(int i)
+{
+    if (i % 100 != 0)
+        sink += 1;
+    else
+        sink -= 1;
+}
+
+/* 50:50 */
+__attribute__((noinline)) void halves(int i)
+{
+    if (i & 1)
+        sink += 2;
+    else
+        sink -= 2;
+}
+
+/* never taken: 0:100 */
+__attribute__((noinline)) void never(int i)
+{
+    if (i < 0)
+        sink += 3;
+    else
+        sink -= 3;
+}
+
+/* a hot case: 1 each for cases 0, 1, 3 and the default, 96 for case 2,
+ * and case 4 shares case 2's block */
+__attribute__((noinline)) void dispatch(int i)
+{
+    switch (i < 4 ? i : i == 4 ? 5 : 2) {
+    case 0: sink += 1; break;
+    case 1: sink += 2; break;
+    case 2:
+    case 4: sink += 3; break;
+    case 3: sink += 4; break;
+    default: sink += 5; break;
+    }
+}
+
+/* never called: entry count 0 */
+__attribute__((noinline)) void unused(int i)
+{
+    if (i)
+        sink += 6;
+}
+
+int main(void)
+{
+    for (int i = 0; i < 100; ++i) {
+        mostly(i);
+        halves(i);
+        never(i);
+        dispatch(i);
+    }
+    printf("%d\n", sink);
+    return 0;
+}

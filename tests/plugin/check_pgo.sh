@@ -1,0 +1,129 @@
+#!/usr/bin/env bash
+# End-to-end check of profile use: programs are instrumented, trained, and
+# compiled again with their profile to LLVM IR, whose entry counts and
+# branch weights are checked against what the runs did.
+# Usage: check_pgo.sh CASE; CLANG, PLUGIN, RUNTIME, QUARL name the tools.
+set -euo pipefail
+case_name=$1
+here=$(cd "$(dirname "$0")" && pwd)
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+
+fail() { echo "FAIL ($case_name): $*" >&2; exit 1; }
+
+train() { # LEVEL PROGRAM SOURCE...: instrument, link, run once
+    local level=$1 program=$2
+    shift 2
+    "$CLANG" "$level" -fpass-plugin="$PLUGIN" "$@" "$RUNTIME" -lpthread -o "$program"
+    QUARL_PROFILE_FILE=$work/$program.quarlprof "./$program" >/dev/null
+}
+
+use() { # LEVEL PROFILE SOURCE: the IR built with the profile, warnings in SOURCE.err
+    "$CLANG" "$1" -fplugin="$PLUGIN" -fpass-plugin="$PLUGIN" -mllvm -quarl-profile-use="$2" \
+        -S -emit-llvm "$3" -o "$(basename "$3" .c).ll" 2>"$(basename "$3" .c).err"
+}
+
+# The profile metadata of function NAME in IR file FILE, one line each:
+# "entry COUNT" for the function, then its terminators' branch weights.
+profile_of() { # NAME FILE
+    awk -v name="$1" '
+        function clean(s) { gsub(/!\{!"[a-z_]+", |i32 |i64 |\}/, "", s); return s }
+        function prof(line) { match(line, /!prof ![0-9]+/); return md[substr(line, RSTART + 6, RLENGTH - 6)] }
+        NR == FNR { if ($0 ~ /^![0-9]+ = /) { id = $1; sub(/^![0-9]+ = /, ""); md[id] = $0 }; next }
+        $0 ~ "^define .*@" name "\\(" { inside = 1; if ($0 ~ /!prof/) print "entry " clean(prof($0)); next }
+        inside && /^}/ { inside = 0 }
+        inside && /!prof ![0-9]+/ { print clean(prof($0)) }' "$2" "$2"
+}
+
+expect_profile() { # NAME FILE EXPECTED-LINES
+    local got
+    got=$(profile_of "$1" "$2")
+    [ "$got" = "$3" ] || fail "$1 in $2: expected
+$3
+got
+$got"
+}
+
+case $case_name in
+ratios)
+    # Exact weights at -O0, where the IR keeps the branches as written.
+    train -O0 prog "$here/branches.c"
+    use -O0 prog.quarlprof "$here/branches.c"
+    [ ! -s branches.err ] || fail "unexpected warnings: $(cat branches.err)"
+    expect_profile mostly branches.ll $'entry 100\n99, 1'
+    expect_profile halves branches.ll $'entry 100\n50, 50'
+    expect_profile never branches.ll $'entry 100\n0, 100'
+    # The ternary, then the switch: default, cases 0, 1, 2, 4 (sharing
+    # case 2's block), 3.
+    expect_profile dispatch branches.ll $'entry 100\n4, 96\n1, 1, 1, 96, 0, 1'
+    expect_profile unused branches.ll 'entry 0'
+    attrs=$(grep -E '^define .*@unused\(' branches.ll | grep -o '#[0-9]*')
+    grep -E "^attributes $attrs = \{.* cold" branches.ll >/dev/null || fail "unused is not marked cold"
+    # The summary covers every block count of the profile.
+    total=$("$QUARL" profile show --blocks prog.quarlprof | awk '/^  block/ { sum += $3 } END { print sum }')
+    grep -q "!{!\"TotalCount\", i64 $total}" branches.ll || fail "summary: total count is not $total"
+    grep -q '!{!"MaxFunctionCount", i64 100}' branches.ll || fail "summary: max function count is not 100"
+    # At -O2 every function's record fits and the noinline ones keep their
+    # entry counts through the pipeline.
+    train -O2 prog2 "$here/branches.c"
+    use -O2 prog2.quarlprof "$here/branches.c"
+    [ ! -s branches.err ] || fail "unexpected warnings at -O2: $(cat branches.err)"
+    for f in mostly halves never dispatch; do
+        [ "$(profile_of $f branches.ll | head -1)" = "entry 100" ] || fail "-O2: $f entry count"
+    done
+    ;;
+edited)
+    # A profile of the old source: the changed function gets a warning and
+    # no profile, the others theirs.
+    cp "$here/branches.c" .
+    train -O0 prog branches.c
+    sed -i 's/^        sink += 2;$/{ if (i > 50) sink += 7; sink += 2; }/' branches.c
+    use -O0 prog.quarlprof branches.c
+    grep -q "quarl: halves: the profile was made from other code" branches.err ||
+        fail "no warning for halves: $(cat branches.err)"
+    [ "$(grep -c warning: branches.err)" -eq 1 ] || fail "one warning expected: $(cat branches.err)"
+    expect_profile halves branches.ll ''
+    expect_profile mostly branches.ll $'entry 100\n99, 1'
+    ;;
+damaged)
+    # A truncated, a foreign and a missing profile: a warning each, a normal
+    # build without profile.
+    train -O0 prog "$here/branches.c"
+    head -c 200 prog.quarlprof >cut.quarlprof
+    for profile in cut.quarlprof:truncated "$here/branches.c:not a Quarl profile" \
+        "missing.quarlprof:cannot open"; do
+        reason=${profile##*:}
+        profile=${profile%:*}
+        use -O2 "$profile" "$here/branches.c" || fail "$profile stopped the compiler"
+        grep -q "warning: $profile: quarl: $reason.*; compiling without profile" branches.err ||
+            fail "$profile: no warning: $(cat branches.err)"
+        ! grep -q '!prof' branches.ll || fail "$profile: profile metadata from a bad profile"
+    done
+    ;;
+units)
+    # Static functions of the same name in three files: each file's
+    # functions get the entry counts of their own records, named through
+    # QUARL_PROFILE_USE.
+    sources=("$here/unit_a.c" "$here/unit_b.c" "$here/units_main.c")
+    train -O0 prog "${sources[@]}"
+    "$QUARL" profile show --blocks prog.quarlprof | sed -n 's/^function \(.*\) entry \(.*\)/\1 \2/p' |
+        sort >expected
+    : >got
+    for source in "${sources[@]}"; do
+        QUARL_PROFILE_USE=$work/prog.quarlprof "$CLANG" -O0 -fpass-plugin="$PLUGIN" -S -emit-llvm \
+            "$source" -o unit.ll 2>unit.err
+        [ ! -s unit.err ] || fail "unexpected warnings: $(cat unit.err)"
+        file=$(sed -n 's/^source_filename = "\(.*\)"$/\1/p' unit.ll)
+        for f in $(sed -n 's/^define .*@\([A-Za-z_0-9]*\)(.*/\1/p' unit.ll); do
+            key=$f
+            grep -qE "^define internal .*@$f\(" unit.ll && key=$file:$f
+            echo "$key $(profile_of "$f" unit.ll | sed -n 's/^entry //p')" >>got
+        done
+    done
+    sort got | diff -u expected - >&2 || fail "entry counts differ from the profile's"
+    [ "$(grep -c ':helper ' got)" -eq 3 ] || fail "three static helpers expected"
+    ;;
+*) echo "unknown case $case_name" >&2; exit 2 ;;
+esac
+echo "$case_name: profile use agrees"
