@@ -14,7 +14,9 @@
 #include "llvm/Analysis/ProfileSummaryInfo.h"
 #include "llvm/IR/CFG.h"
 #include "llvm/IR/DiagnosticInfo.h"
+#include "llvm/IR/InstIterator.h"
 #include "llvm/IR/Instructions.h"
+#include "llvm/IR/IntrinsicInst.h"
 #include "llvm/IR/MDBuilder.h"
 #include "llvm/IR/Module.h"
 #include "llvm/IR/ProfileSummary.h"
@@ -140,6 +142,21 @@ void setBranchWeights(const FunctionCounts &Counts)
     }
 }
 
+// A __builtin_expect hint is lowered into branch weights later in the
+// pipeline and would overwrite the measured ones; with LLVM's own profiles,
+// applied after that lowering, the measured weights win too.
+void dropExpectHints(Function &F)
+{
+    for (Instruction &I : make_early_inc_range(instructions(F))) {
+        auto *Hint = dyn_cast<IntrinsicInst>(&I);
+        if (Hint && (Hint->getIntrinsicID() == Intrinsic::expect ||
+                     Hint->getIntrinsicID() == Intrinsic::expect_with_probability)) {
+            Hint->replaceAllUsesWith(Hint->getArgOperand(0));
+            Hint->eraseFromParent();
+        }
+    }
+}
+
 } // namespace
 
 PreservedAnalyses QuarlProfileUsePass::run(Module &M, ModuleAnalysisManager &MAM)
@@ -179,8 +196,10 @@ PreservedAnalyses QuarlProfileUsePass::run(Module &M, ModuleAnalysisManager &MAM
     for (FunctionCounts &Counts : Annotated) {
         Function &F = *Counts.F;
         F.setEntryCount(Function::ProfileCount(Counts.Entry, Function::PCT_Real));
-        if (Counts.MaxCount != 0)
+        if (Counts.MaxCount != 0) {
             setBranchWeights(Counts);
+            dropExpectHints(F);
+        }
         // Hot and cold functions as LLVM's profiles mark them; a user's
         // hot attribute wins over a cold profile.
         if (PSI.isHotCount(Counts.Entry))

@@ -32,27 +32,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 cd "$work"
 
-npm pack --silent better-sqlite3@13.2.0 >/dev/null
-tar xzf better-sqlite3-13.2.0.tgz package/deps/sqlite3
-src=$work/package/deps/sqlite3
-
-seconds() { # COMMAND... : wall seconds of one run
-    local start end
-    start=$(date +%s.%N)
-    "$@" >/dev/null
-    end=$(date +%s.%N)
-    echo "$end - $start" | bc
-}
-best() { # N COMMAND... : the best of N runs
-    local n=$1 best=
-    shift
-    for _ in $(seq "$n"); do
-        local t
-        t=$(seconds "$@")
-        if [ -z "$best" ] || [ "$(echo "$t < $best" | bc)" = 1 ]; then best=$t; fi
-    done
-    echo "$best"
-}
+source "$here/../common.sh"
+src=$(fetch_sqlite)
 
 compile() { # VARIANT : compiles sqlite3.c to VARIANT.o
     case $1 in
@@ -104,8 +85,6 @@ LLVM_PROFILE_FILE=$work/one.profraw ./clang "$scale" >/dev/null
 functions=$(($(wc -l <summary.txt) - 1))
 counters=$(awk 'NR > 1 { n += $3 } END { print n }' summary.txt)
 blocks=$(awk 'NR > 1 { split($2, r, "/"); n += r[2] } END { print n }' summary.txt)
-ratio() { echo "scale=3; $1 / $2" | bc; }
-percent() { echo "scale=1; 100 * ($1 - $2) / $2" | bc; }
 
 cat <<TABLE
 | figure | value |

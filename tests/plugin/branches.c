@@ -45,6 +45,15 @@ __attribute__((noinline)) void dispatch(int i)
     }
 }
 
+/* 1:99 against a hint that says the opposite: the profile wins */
+__attribute__((noinline)) void hinted(int i)
+{
+    if (__builtin_expect(i % 100 == 0, 1))
+        sink += 7;
+    else
+        sink -= 7;
+}
+
 /* never called: entry count 0 */
 __attribute__((noinline)) void unused(int i)
 {
@@ -59,6 +68,7 @@ int main(void)
         halves(i);
         never(i);
         dispatch(i);
+        hinted(i);
     }
     printf("%d\n", sink);
     return 0;

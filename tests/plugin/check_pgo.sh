@@ -57,6 +57,7 @@ ratios)
     # The ternary, then the switch: default, cases 0, 1, 2, 4 (sharing
     # case 2's block), 3.
     expect_profile dispatch branches.ll $'entry 100\n4, 96\n1, 1, 1, 96, 0, 1'
+    expect_profile hinted branches.ll $'entry 100\n1, 99'
     expect_profile unused branches.ll 'entry 0'
     attrs=$(grep -E '^define .*@unused\(' branches.ll | grep -o '#[0-9]*')
     grep -E "^attributes $attrs = \{.* cold" branches.ll >/dev/null || fail "unused is not marked cold"
@@ -69,9 +70,12 @@ ratios)
     train -O2 prog2 "$here/branches.c"
     use -O2 prog2.quarlprof "$here/branches.c"
     [ ! -s branches.err ] || fail "unexpected warnings at -O2: $(cat branches.err)"
-    for f in mostly halves never dispatch; do
+    for f in mostly halves never dispatch hinted; do
         [ "$(profile_of $f branches.ll | head -1)" = "entry 100" ] || fail "-O2: $f entry count"
     done
+    # The measured weights outlast the optimiser, __builtin_expect's too.
+    profile_of hinted branches.ll | grep -qxE '1, 99|99, 1' ||
+        fail "-O2: hinted lost its weights: $(profile_of hinted branches.ll)"
     ;;
 edited)
     # A profile of the old source: the changed function gets a warning and

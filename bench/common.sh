@@ -1,0 +1,33 @@
+# Shared by the SQLite measurement scripts: fetching SQLite and timing.
+# Sourced; expects to run in a scratch directory.
+
+# The SQLite amalgamation that the npm package better-sqlite3@13.2.0 ships,
+# fetched with 'npm pack' into ./package/deps/sqlite3 (nothing of it is kept
+# in the repository).
+fetch_sqlite() {
+    npm pack --silent better-sqlite3@13.2.0 >/dev/null
+    tar xzf better-sqlite3-13.2.0.tgz package/deps/sqlite3
+    echo "$PWD/package/deps/sqlite3"
+}
+
+seconds() { # COMMAND... : wall seconds of one run
+    local start end
+    start=$(date +%s.%N)
+    "$@" >/dev/null
+    end=$(date +%s.%N)
+    echo "$end - $start" | bc
+}
+
+best() { # N COMMAND... : the best of N runs
+    local n=$1 best=
+    shift
+    for _ in $(seq "$n"); do
+        local t
+        t=$(seconds "$@")
+        if [ -z "$best" ] || [ "$(echo "$t < $best" | bc)" = 1 ]; then best=$t; fi
+    done
+    echo "$best"
+}
+
+ratio() { echo "scale=3; $1 / $2" | bc; }
+percent() { echo "scale=1; 100 * ($1 - $2) / $2" | bc; }

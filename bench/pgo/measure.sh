@@ -1,0 +1,105 @@
+#!/usr/bin/env bash
+# Profile-guided optimisation of a real program through Quarl, next to
+# clang's own. SQLite (the amalgamation that better-sqlite3@13.2.0 ships,
+# fetched with 'npm pack'; none of it is kept in the repository) is built
+# four ways at -O2:
+#
+#   none     no profile
+#   clang    clang's own IR profile: -fprofile-generate, a training run,
+#            llvm-profdata merge, -fprofile-use
+#   quarl    Quarl's profile of the same training run: the plugin
+#            instruments, the training run writes the profile, the plugin
+#            uses it (-mllvm -quarl-profile-use)
+#   quarl-instrumented
+#            for reference, the instrumented build that trained
+#
+# The training run is the workload of ../sqlite/workload.c at scale TRAIN,
+# the measured runs at scale SCALE, interleaved, best of RUNS each; sqlite3.c
+# compiles are the best of COMPILES. Prints the README's table: run times,
+# speedup over no profile, Quarl's speedup as a fraction of clang's, and the
+# compile time of each build.
+# Usage: bench/pgo/measure.sh [BUILD_DIR]; TRAIN, SCALE, RUNS, COMPILES from
+# the environment (defaults 3, 10, 5, 2). Needs npm, bc and llvm-profdata-14.
+set -euo pipefail
+here=$(cd "$(dirname "$0")" && pwd)
+build=$(cd "${1:-$here/../../build}" && pwd)
+train=${TRAIN:-3}
+scale=${SCALE:-10}
+runs=${RUNS:-5}
+compiles=${COMPILES:-2}
+plugin=$build/llvm-plugin/quarl_llvm.so
+runtime=$build/runtime/libquarl_rt.a
+for tool in bc npm llvm-profdata-14 clang-14; do
+    command -v $tool >/dev/null || { echo "needs $tool" >&2; exit 2; }
+done
+for needed in "$plugin" "$runtime"; do
+    [ -e "$needed" ] || { echo "missing $needed: build Quarl with LLVM 14 first" >&2; exit 2; }
+done
+work=$(mktemp -d)
+trap 'rm -rf "$work"' EXIT
+cd "$work"
+source "$here/../common.sh"
+src=$(fetch_sqlite)
+
+compile() { # NAME CLANG-FLAGS... : sqlite3.c at -O2 to NAME.o, warnings in NAME.err
+    local name=$1
+    shift
+    clang-14 -O2 "$@" -c "$src/sqlite3.c" -o "$name.o" 2>"$name.err"
+}
+link() { # NAME CLANG-FLAGS...
+    local name=$1
+    shift
+    clang-14 -O2 workload.o "$name.o" "$@" -lpthread -ldl -lm -o "$name"
+}
+quarl_use=(-fplugin="$plugin" -fpass-plugin="$plugin" -mllvm -quarl-profile-use="$work/train.quarlprof")
+
+echo "building and training..." >&2
+clang-14 -O2 -I"$src" -c "$here/../sqlite/workload.c" -o workload.o
+compile clang-gen -fprofile-generate
+link clang-gen -fprofile-generate
+LLVM_PROFILE_FILE=$work/train-%p.profraw ./clang-gen "$train" >/dev/null
+llvm-profdata-14 merge -o clang.profdata train-*.profraw
+compile quarl-instrumented -fpass-plugin="$plugin"
+link quarl-instrumented "$runtime"
+QUARL_PROFILE_FILE=$work/train.quarlprof ./quarl-instrumented "$train" >/dev/null
+
+echo "compiling sqlite3.c (best of $compiles)..." >&2
+compile_none=$(best "$compiles" compile none)
+compile_clang=$(best "$compiles" compile clang -fprofile-use="$work/clang.profdata")
+compile_quarl=$(best "$compiles" compile quarl "${quarl_use[@]}")
+compile_instrumented=$(best 1 compile quarl-instrumented -fpass-plugin="$plugin")
+for name in none clang quarl; do link $name; done
+link quarl-instrumented "$runtime"
+warnings=$(grep -c 'warning: .*quarl' quarl.err || true)
+
+for name in clang quarl quarl-instrumented; do
+    QUARL_PROFILE_FILE=$work/measure.quarlprof ./$name "$scale" >$name.out
+    ./none "$scale" >none.out
+    cmp -s none.out $name.out || { echo "FAIL: $name computes other results" >&2; exit 1; }
+done
+
+echo "running the workload at scale $scale, best of $runs..." >&2
+declare -A time
+for _ in $(seq "$runs"); do
+    for name in none clang quarl quarl-instrumented; do
+        t=$(QUARL_PROFILE_FILE=$work/measure.quarlprof seconds ./$name "$scale")
+        if [ -z "${time[$name]:-}" ] || [ "$(echo "$t < ${time[$name]}" | bc)" = 1 ]; then
+            time[$name]=$t
+        fi
+    done
+done
+
+speedup() { ratio "${time[none]}" "${time[$1]}"; }
+fraction=$(echo "scale=3; (${time[none]} / ${time[quarl]} - 1) / (${time[none]} / ${time[clang]} - 1)" | bc)
+cat <<TABLE
+| build (-O2) | compile sqlite3.c | run time, scale $scale | speedup over no profile |
+|---|---|---|---|
+| no profile | ${compile_none} s | ${time[none]} s | 1.000 |
+| clang's own profile (-fprofile-use) | ${compile_clang} s | ${time[clang]} s | $(speedup clang) |
+| Quarl's profile (-quarl-profile-use) | ${compile_quarl} s | ${time[quarl]} s | $(speedup quarl) |
+| Quarl instrumented (for reference) | ${compile_instrumented} s | ${time[quarl-instrumented]} s | $(speedup quarl-instrumented) |
+
+Quarl's speedup as a fraction of clang's own: (speedup - 1) / (clang's speedup - 1) = $fraction.
+Compile time with Quarl's profile against clang's -fprofile-use: $(percent "$compile_quarl" "$compile_clang")%.
+Training run: scale $train. Quarl profile-use warnings: $warnings.
+TABLE
