@@ -70,10 +70,12 @@ std::unique_ptr<ProfileSummary> summarise(const QuarlProfile &Profile)
     return Builder.getSummary();
 }
 
-// The record applies when placing the function now gives its stored words.
+// The record applies when placing the function now gives its stored words
+// and their checksum.
 bool recordFits(const QuarlProfileFunction &Record, const RoutineGraph &Plan, const Placement &Placed)
 {
-    return Record.flags == 0 && Record.num_blocks == Plan.NumBlocks &&
+    return Record.checksum == quarl_profile_checksum(Placed.Words.data(), uint32_t(Placed.Words.size())) &&
+           Record.flags == 0 && Record.num_blocks == Plan.NumBlocks &&
            Record.num_nodes == Plan.NumNodes && Record.num_counters == Placed.NumCounters &&
            Record.num_words == Placed.Words.size() &&
            std::equal(Placed.Words.begin(), Placed.Words.end(), Record.words);

@@ -118,6 +118,10 @@ static const char *parse_function(Reader *reader, QuarlProfileFunction *f)
         return "function %u has more blocks than graph nodes";
     if ((f->flags & QUARL_PROFILE_DIRECT_COUNTS) && f->num_counters != f->num_blocks)
         return "function %u has direct counts that do not match its blocks";
+    /* Readers size arrays by the nodes: no graph that decodes has more than
+     * this many, and the bound keeps them linear in the file's size. */
+    if (f->num_nodes > (uint64_t)f->num_words * 4 + 1024)
+        return "function %u has more graph nodes than its words can hold";
     if ((uint64_t)f->num_words * 4 + (uint64_t)f->num_counters * 8 > reader->size - reader->at)
         return "truncated in the words or counters of function %u";
     f->words = malloc((size_t)f->num_words * 4 + 1);

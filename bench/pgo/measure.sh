@@ -10,6 +10,10 @@
 #   quarl    Quarl's profile of the same training run: the plugin
 #            instruments, the training run writes the profile, the plugin
 #            uses it (-mllvm -quarl-profile-use)
+#   clang-edges
+#            for reference, clang's own profile without its value profiles
+#            (-mllvm -disable-vp when training and using): branch and entry
+#            counts only, what an edge profile such as Quarl's carries
 #   quarl-instrumented
 #            for reference, the instrumented build that trained
 #
@@ -19,13 +23,13 @@
 # speedup over no profile, Quarl's speedup as a fraction of clang's, and the
 # compile time of each build.
 # Usage: bench/pgo/measure.sh [BUILD_DIR]; TRAIN, SCALE, RUNS, COMPILES from
-# the environment (defaults 3, 10, 5, 2). Needs npm, bc and llvm-profdata-14.
+# the environment (defaults 3, 10, 10, 2). Needs npm, bc and llvm-profdata-14.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=$(cd "${1:-$here/../../build}" && pwd)
 train=${TRAIN:-3}
 scale=${SCALE:-10}
-runs=${RUNS:-5}
+runs=${RUNS:-10}
 compiles=${COMPILES:-2}
 plugin=$build/llvm-plugin/quarl_llvm.so
 runtime=$build/runtime/libquarl_rt.a
@@ -55,10 +59,16 @@ quarl_use=(-fplugin="$plugin" -fpass-plugin="$plugin" -mllvm -quarl-profile-use=
 
 echo "building and training..." >&2
 clang-14 -O2 -I"$src" -c "$here/../sqlite/workload.c" -o workload.o
-compile clang-gen -fprofile-generate
-link clang-gen -fprofile-generate
-LLVM_PROFILE_FILE=$work/train-%p.profraw ./clang-gen "$train" >/dev/null
-llvm-profdata-14 merge -o clang.profdata train-*.profraw
+clang_train() { # NAME CLANG-FLAGS... : NAME.profdata from the training run
+    local name=$1
+    shift
+    compile $name-gen -fprofile-generate "$@"
+    link $name-gen -fprofile-generate
+    LLVM_PROFILE_FILE=$work/$name-%p.profraw ./$name-gen "$train" >/dev/null
+    llvm-profdata-14 merge -o $name.profdata $name-*.profraw
+}
+clang_train clang
+clang_train clang-edges -mllvm -disable-vp
 compile quarl-instrumented -fpass-plugin="$plugin"
 link quarl-instrumented "$runtime"
 QUARL_PROFILE_FILE=$work/train.quarlprof ./quarl-instrumented "$train" >/dev/null
@@ -68,11 +78,12 @@ compile_none=$(best "$compiles" compile none)
 compile_clang=$(best "$compiles" compile clang -fprofile-use="$work/clang.profdata")
 compile_quarl=$(best "$compiles" compile quarl "${quarl_use[@]}")
 compile_instrumented=$(best 1 compile quarl-instrumented -fpass-plugin="$plugin")
-for name in none clang quarl; do link $name; done
+compile_edges=$(best 1 compile clang-edges -fprofile-use="$work/clang-edges.profdata" -mllvm -disable-vp)
+for name in none clang clang-edges quarl; do link $name; done
 link quarl-instrumented "$runtime"
 warnings=$(grep -c 'warning: .*quarl' quarl.err || true)
 
-for name in clang quarl quarl-instrumented; do
+for name in clang clang-edges quarl quarl-instrumented; do
     QUARL_PROFILE_FILE=$work/measure.quarlprof ./$name "$scale" >$name.out
     ./none "$scale" >none.out
     cmp -s none.out $name.out || { echo "FAIL: $name computes other results" >&2; exit 1; }
@@ -81,7 +92,7 @@ done
 echo "running the workload at scale $scale, best of $runs..." >&2
 declare -A time
 for _ in $(seq "$runs"); do
-    for name in none clang quarl quarl-instrumented; do
+    for name in none clang clang-edges quarl quarl-instrumented; do
         t=$(QUARL_PROFILE_FILE=$work/measure.quarlprof seconds ./$name "$scale")
         if [ -z "${time[$name]:-}" ] || [ "$(echo "$t < ${time[$name]}" | bc)" = 1 ]; then
             time[$name]=$t
@@ -90,16 +101,18 @@ for _ in $(seq "$runs"); do
 done
 
 speedup() { ratio "${time[none]}" "${time[$1]}"; }
-fraction=$(echo "scale=3; (${time[none]} / ${time[quarl]} - 1) / (${time[none]} / ${time[clang]} - 1)" | bc)
+fraction() { echo "scale=3; (${time[none]} / ${time[quarl]} - 1) / (${time[none]} / ${time[$1]} - 1)" | bc; }
 cat <<TABLE
 | build (-O2) | compile sqlite3.c | run time, scale $scale | speedup over no profile |
 |---|---|---|---|
 | no profile | ${compile_none} s | ${time[none]} s | 1.000 |
 | clang's own profile (-fprofile-use) | ${compile_clang} s | ${time[clang]} s | $(speedup clang) |
 | Quarl's profile (-quarl-profile-use) | ${compile_quarl} s | ${time[quarl]} s | $(speedup quarl) |
+| clang's own profile without value profiles (for reference) | ${compile_edges} s | ${time[clang-edges]} s | $(speedup clang-edges) |
 | Quarl instrumented (for reference) | ${compile_instrumented} s | ${time[quarl-instrumented]} s | $(speedup quarl-instrumented) |
 
-Quarl's speedup as a fraction of clang's own: (speedup - 1) / (clang's speedup - 1) = $fraction.
+Quarl's speedup as a fraction of clang's own, (speedup - 1) / (clang's speedup - 1): $(fraction clang);
+of clang's without value profiles: $(fraction clang-edges).
 Compile time with Quarl's profile against clang's -fprofile-use: $(percent "$compile_quarl" "$compile_clang")%.
 Training run: scale $train. Quarl profile-use warnings: $warnings.
 TABLE

@@ -156,3 +156,7 @@ quarl_tool_case(profile_function_missing 1 ARGS profile show --function absent g
     ERR "quarl: golden/sample.quarlprof: no function 'absent'")
 quarl_tool_case(profile_edges_and_blocks 2 ARGS profile show --edges --blocks golden/sample.quarlprof
     ERR "quarl profile: --blocks and --edges exclude each other\nTry 'quarl profile --help'.")
+# A record claiming more nodes than its words can name is refused before
+# anything is sized by it.
+quarl_tool_case(profile_huge_nodes 1 ARGS profile show golden/huge_nodes.quarlprof
+    ERR "quarl: golden/huge_nodes.quarlprof: function 0 has more graph nodes than its words can hold")
