@@ -1,5 +1,21 @@
-# Shared by the SQLite measurement scripts: fetching SQLite and timing.
-# Sourced; expects to run in a scratch directory.
+# Shared by the SQLite measurement scripts: checking what they need,
+# fetching SQLite and timing. Sourced.
+
+# Checks the tools and Quarl's build, then moves into a scratch directory
+# ($work) that is removed at exit.
+prepare() { # BUILD_DIR TOOL...
+    local build=$1 tool needed
+    shift
+    for tool in "$@"; do
+        command -v "$tool" >/dev/null || { echo "needs $tool" >&2; exit 2; }
+    done
+    for needed in "$build/llvm-plugin/quarl_llvm.so" "$build/runtime/libquarl_rt.a" "$build/tools/quarl"; do
+        [ -e "$needed" ] || { echo "missing $needed: build Quarl with LLVM 14 first" >&2; exit 2; }
+    done
+    work=$(mktemp -d)
+    trap 'rm -rf "$work"' EXIT
+    cd "$work"
+}
 
 # The SQLite amalgamation that the npm package better-sqlite3@13.2.0 ships,
 # fetched with 'npm pack' into ./package/deps/sqlite3 (nothing of it is kept

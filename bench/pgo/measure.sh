@@ -33,16 +33,8 @@ runs=${RUNS:-10}
 compiles=${COMPILES:-2}
 plugin=$build/llvm-plugin/quarl_llvm.so
 runtime=$build/runtime/libquarl_rt.a
-for tool in bc npm llvm-profdata-14 clang-14; do
-    command -v $tool >/dev/null || { echo "needs $tool" >&2; exit 2; }
-done
-for needed in "$plugin" "$runtime"; do
-    [ -e "$needed" ] || { echo "missing $needed: build Quarl with LLVM 14 first" >&2; exit 2; }
-done
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
 source "$here/../common.sh"
+prepare "$build" bc npm clang-14 llvm-profdata-14
 src=$(fetch_sqlite)
 
 compile() { # NAME CLANG-FLAGS... : sqlite3.c at -O2 to NAME.o, warnings in NAME.err

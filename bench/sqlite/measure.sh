@@ -24,15 +24,8 @@ compiles=${COMPILES:-2}
 plugin=$build/llvm-plugin/quarl_llvm.so
 runtime=$build/runtime/libquarl_rt.a
 quarl=$build/tools/quarl
-command -v bc >/dev/null || { echo "needs bc (apt-get install -y bc) and npm" >&2; exit 2; }
-for needed in "$plugin" "$runtime" "$quarl"; do
-    [ -e "$needed" ] || { echo "missing $needed: build Quarl with LLVM 14 first" >&2; exit 2; }
-done
-work=$(mktemp -d)
-trap 'rm -rf "$work"' EXIT
-cd "$work"
-
 source "$here/../common.sh"
+prepare "$build" bc npm clang-14
 src=$(fetch_sqlite)
 
 compile() { # VARIANT : compiles sqlite3.c to VARIANT.o
