@@ -51,14 +51,10 @@ struct FunctionCounts {
     DenseMap<std::pair<const BasicBlock *, const BasicBlock *>, uint64_t> BranchCount;
 };
 
-// The summary LLVM's profiles carry, over every function of the profile.
-// Theirs is taken over the counters that their instrumentation places off
-// a spanning tree, on the cold edges; Quarl's counters are placed the same
-// way, so the summary is taken over them too, with each function's entry
-// count first, and the optimiser's hot and cold thresholds mean what they
-// mean with its own profiles. Records that do not give counts are left
-// out here; a function of this module that has one is warned about when
-// it is annotated.
+// The summary LLVM's profiles carry, over every function of the profile:
+// its entry count, then its other blocks' counts. Records that do not give
+// counts are left out here; a function of this module that has one is
+// warned about when it is annotated.
 std::unique_ptr<ProfileSummary> summarise(const QuarlProfile &Profile)
 {
     InstrProfSummaryBuilder Builder(ProfileSummaryBuilder::DefaultCutoffs);
@@ -68,12 +64,8 @@ std::unique_ptr<ProfileSummary> summarise(const QuarlProfile &Profile)
         Nodes.resize(Record.num_nodes);
         if (Record.num_blocks == 0 || !quarl_profile_node_counts(&Record, Nodes.data()))
             continue;
-        std::vector<uint64_t> Counts = {Nodes[2]};
-        if (Record.flags & QUARL_PROFILE_DIRECT_COUNTS)
-            Counts.assign(Nodes.begin() + 2, Nodes.begin() + 2 + Record.num_blocks);
-        else
-            Counts.insert(Counts.end(), Record.counters, Record.counters + Record.num_counters);
-        Builder.addRecord(InstrProfRecord(std::move(Counts)));
+        Builder.addRecord(InstrProfRecord(
+            std::vector<uint64_t>(Nodes.begin() + 2, Nodes.begin() + 2 + Record.num_blocks)));
     }
     return Builder.getSummary();
 }
