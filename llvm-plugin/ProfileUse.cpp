@@ -90,6 +90,10 @@ bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysi
         warn(F, "no counter placement found; compiled without profile");
         return false;
     }
+    if (Record.flags & QUARL_PROFILE_DIRECT_COUNTS) {
+        warn(F, "the profile holds direct block counts (a test build); compiled without profile");
+        return false;
+    }
     if (!recordFits(Record, Plan, Placed)) {
         warn(F, "the profile was made from other code (the source or the compiler flags changed); "
                 "compiled without profile");

@@ -107,8 +107,12 @@ void print_edges(const Row &row)
 {
     QuarlProfileEdge *edges = nullptr;
     uint32_t count = 0;
-    if (!quarl_profile_edge_counts(row.record, &edges, &count)) {
+    if (row.record->flags & QUARL_PROFILE_DIRECT_COUNTS) {
         printf("  (edge counts not recorded: direct block counts)\n");
+        return;
+    }
+    if (!quarl_profile_edge_counts(row.record, &edges, &count)) {
+        printf("  (edge counts not derived: out of memory)\n");
         return;
     }
     for (uint32_t i = 0; i < count; ++i) {
