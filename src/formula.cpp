@@ -165,8 +165,8 @@ extern "C" bool quarl_inst_bitset_batch_create(QuarlInstBitsetBatch *batch, uint
     BatchLayout layout = batch_layout(bits);
     if (count > (SIZE_MAX - layout.header_bytes) / (record_bytes + layout.chunk_bytes))
         return false;
-    void *block = quarl_mem_alloc_zeroed(
-        1, static_cast<size_t>(layout.header_bytes + count * (record_bytes + layout.chunk_bytes)));
+    void *block = quarl_mem_alloc_zeroed_bulk(
+        static_cast<size_t>(layout.header_bytes + count * (record_bytes + layout.chunk_bytes)));
     if (block == nullptr)
         return false;
     new (block) SharedBlock{count};
@@ -223,12 +223,24 @@ extern "C" void quarl_inst_bitset_merge_with(QuarlInstBitset *bitset1,
     QUARL_CHECK(bitset1 != nullptr && bitset2 != nullptr,
                 "bitset1 != ((void *)0) && bitset2 != ((void *)0)");
     check_same_chunk_count(bitset1, bitset2, __func__);
-    // Zero chunks are not written: in a large shared block, a page that
-    // never receives a bit is never touched.
+    // Groups of zero chunks are not written: in a large shared block, a page
+    // that never receives a bit is never touched. Within a group the OR is
+    // unconditional, which the compiler turns into vector operations.
     const BitsetTail *from = tail_of(bitset2);
-    for (uint32_t i = from->first_chunk; i < from->end_chunk; ++i)
-        if (bitset2->m_chunks[i] != 0)
-            bitset1->m_chunks[i] |= bitset2->m_chunks[i];
+    const uint32_t group = 8;
+    uint32_t *to_chunks = bitset1->m_chunks;
+    const uint32_t *from_chunks = bitset2->m_chunks;
+    uint32_t i = from->first_chunk;
+    for (; i + group <= from->end_chunk; i += group) {
+        uint32_t any = 0;
+        for (uint32_t k = 0; k < group; ++k)
+            any |= from_chunks[i + k];
+        if (any != 0)
+            for (uint32_t k = 0; k < group; ++k)
+                to_chunks[i + k] |= from_chunks[i + k];
+    }
+    for (; i < from->end_chunk; ++i)
+        to_chunks[i] |= from_chunks[i];
     widen_range(tail_of(bitset1), from->first_chunk, from->end_chunk);
 }
 

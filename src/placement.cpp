@@ -1,5 +1,6 @@
 // Counter placement: the flow-conservation step that resolves a node's last
 // unsettled edge, the placement pass built on it, and counter selection.
+#include <algorithm>
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -154,9 +155,13 @@ void run_round_two(PlacementState *state)
 
 // ---- Counter selection ---------------------------------------------------------
 
+// The sort key is copied out of the edge, so that sorting compares records
+// in one array instead of chasing every edge.
 struct TreeCandidate {
-    const QuarlInstEdge *edge;
+    int group; // tree_group()
+    int64_t cost;
     uint32_t index; // in the edge vector
+    const QuarlInstEdge *edge;
 };
 
 // Kruskal's order: pseudo and immeasurable edges first (a counter there is
@@ -171,19 +176,13 @@ int tree_group(const QuarlInstEdge *edge)
     return edge->m_is_instrumented ? 2 : 1;
 }
 
-int compare_tree_order(const void *first, const void *second)
+bool precedes_in_tree_order(const TreeCandidate &candidate1, const TreeCandidate &candidate2)
 {
-    const TreeCandidate *candidate1 = static_cast<const TreeCandidate *>(first);
-    const TreeCandidate *candidate2 = static_cast<const TreeCandidate *>(second);
-    int group1 = tree_group(candidate1->edge);
-    int group2 = tree_group(candidate2->edge);
-    if (group1 != group2)
-        return group1 < group2 ? -1 : 1;
-    int64_t cost1 = candidate1->edge->m_cost;
-    int64_t cost2 = candidate2->edge->m_cost;
-    if (cost1 != cost2)
-        return cost1 > cost2 ? -1 : 1;
-    return (candidate1->index > candidate2->index) - (candidate1->index < candidate2->index);
+    if (candidate1.group != candidate2.group)
+        return candidate1.group < candidate2.group;
+    if (candidate1.cost != candidate2.cost)
+        return candidate1.cost > candidate2.cost;
+    return candidate1.index < candidate2.index;
 }
 
 struct SelectionScratch {
@@ -230,10 +229,12 @@ void build_spanning_forest(const QuarlInstGraph *graph, SelectionScratch *scratc
     uint32_t considered = 0;
     for (uint32_t i = 0; i < graph->m_num_edges; ++i)
         if (graph->m_edge_vec[i]->m_is_reachable)
-            scratch->candidates[considered++] = TreeCandidate{graph->m_edge_vec[i], i};
+            scratch->candidates[considered++] =
+                TreeCandidate{tree_group(graph->m_edge_vec[i]), graph->m_edge_vec[i]->m_cost, i,
+                              graph->m_edge_vec[i]};
     for (uint32_t i = 0; i < graph->m_num_nodes; ++i)
         scratch->parent[i] = i;
-    qsort(scratch->candidates, considered, sizeof(TreeCandidate), compare_tree_order);
+    std::sort(scratch->candidates, scratch->candidates + considered, precedes_in_tree_order);
     for (uint32_t i = 0; i < considered; ++i)
         if (join_trees(scratch, scratch->candidates[i].edge))
             scratch->on_tree[scratch->candidates[i].index] = 1;
