@@ -75,102 +75,131 @@ bool for_each_stored_edge(const uint32_t *buffer, uint32_t length, Visit visit)
     return true;
 }
 
-// All working memory, in one block.
+// The working memory, in two blocks: the edge arrays, sized by the number
+// of stored records before the words are read, and the node arrays, sized
+// once the words have named the highest node.
 struct Solver {
     uint32_t num_edges, num_nodes;
     uint64_t *value;          // per edge: loaded, computed, or 0
+    uint32_t *src, *dest;     // per edge
+    uint32_t *adjacent;       // edge indices, node by node; a self-loop once
+    uint8_t *flags;           // per edge: QUARL_RECORD_* bits
     uint64_t *incoming;       // per node
     uint64_t *outgoing;       // per node
-    uint32_t *src, *dest;     // per edge
     uint32_t *first_adjacent; // per node + 1: where its edges start in adjacent
-    uint32_t *adjacent;       // edge indices, node by node; a self-loop once
     uint32_t *unsettled;      // per node: edges neither instrumented nor computed
     uint32_t *unsettled_xor;  // per node: XOR of those edges' indices
     uint32_t *queue;          // nodes, first in first out
-    uint8_t *flags;           // per edge: QUARL_RECORD_* bits
     uint8_t *state;           // per node: node_* bits
-    void *block;
+    void *edge_block, *node_block;
 };
 
 bool reachable(const Solver &s, uint32_t e) { return s.flags[e] & QUARL_RECORD_REACHABLE; }
 bool instrumented(const Solver &s, uint32_t e) { return s.flags[e] & QUARL_RECORD_INSTRUMENTED; }
 
-// Lays the arrays out from base, widest first so that each is aligned, and
+// Lays arrays out from base, widest first so that each is aligned, and
 // returns the bytes they take; with a null base it only measures.
-uint64_t lay_out(Solver &s, char *base)
-{
-    const uint64_t edges = s.num_edges, nodes = s.num_nodes;
-    uint64_t used = 0;
-    auto carve = [&](auto **array, uint64_t count) {
-        if (base != nullptr)
-            *array = reinterpret_cast<std::remove_reference_t<decltype(**array)> *>(base + used);
-        used += count * sizeof(**array);
-    };
-    carve(&s.value, edges);
-    carve(&s.incoming, nodes);
-    carve(&s.outgoing, nodes);
-    carve(&s.src, edges);
-    carve(&s.dest, edges);
-    carve(&s.first_adjacent, nodes + 1);
-    carve(&s.adjacent, 2 * edges);
-    carve(&s.unsettled, nodes);
-    carve(&s.unsettled_xor, nodes);
-    carve(&s.queue, nodes + edges);
-    carve(&s.flags, edges);
-    carve(&s.state, nodes);
-    return used;
-}
-
-bool allocate(Solver &s)
-{
-    uint64_t bytes = lay_out(s, nullptr);
-    s.block = bytes <= SIZE_MAX ? quarl_mem_alloc(static_cast<size_t>(bytes)) : nullptr;
-    if (s.block == nullptr)
-        return false;
-    lay_out(s, static_cast<char *>(s.block));
-    return true;
-}
-
-// The edges and their nodes as the decoder would make them, the counters
-// loaded as the entry point loads them. False where the rebuild or the
-// loading refuses the data: an instrumented edge that is not reachable, or
-// a measurable counter edge whose index is not below num_counters.
-bool load_edges(Solver &s, const uint32_t *buffer, uint32_t length, const uint64_t *counters,
-                uint32_t num_counters)
-{
-    for (uint32_t n = 0; n < s.num_nodes; ++n) {
-        s.state[n] = 0;
-        s.incoming[n] = s.outgoing[n] = 0;
-        s.unsettled[n] = s.unsettled_xor[n] = 0;
-        s.first_adjacent[n] = 0;
+class Carver {
+public:
+    explicit Carver(char *base) : m_base(base) {}
+    template <typename T> void carve(T **array, uint64_t count)
+    {
+        if (m_base != nullptr)
+            *array = reinterpret_cast<T *>(m_base + m_used);
+        m_used += count * sizeof(T);
     }
-    s.first_adjacent[s.num_nodes] = 0;
+    uint64_t used() const { return m_used; }
+
+private:
+    char *m_base;
+    uint64_t m_used = 0;
+};
+
+uint64_t lay_out_edges(Solver &s, char *base, uint64_t edges)
+{
+    Carver carver(base);
+    carver.carve(&s.value, edges);
+    carver.carve(&s.src, edges);
+    carver.carve(&s.dest, edges);
+    carver.carve(&s.adjacent, 2 * edges);
+    carver.carve(&s.flags, edges);
+    return carver.used();
+}
+
+uint64_t lay_out_nodes(Solver &s, char *base, uint64_t nodes, uint64_t edges)
+{
+    Carver carver(base);
+    carver.carve(&s.incoming, nodes);
+    carver.carve(&s.outgoing, nodes);
+    carver.carve(&s.first_adjacent, nodes + 1);
+    carver.carve(&s.unsettled, nodes);
+    carver.carve(&s.unsettled_xor, nodes);
+    carver.carve(&s.queue, nodes + edges);
+    carver.carve(&s.state, nodes);
+    return carver.used();
+}
+
+template <typename LayOut> void *allocate(LayOut lay_out)
+{
+    uint64_t bytes = lay_out(nullptr);
+    void *block = bytes <= SIZE_MAX ? quarl_mem_alloc(static_cast<size_t>(bytes)) : nullptr;
+    if (block != nullptr)
+        lay_out(static_cast<char *>(block));
+    return block;
+}
+
+// Reads the words once into the edge arrays, the counters loaded as the
+// entry point loads them, and finds the number of nodes. 0 for words that do
+// not decode; -1 where the rebuild or the loading refuses the data: an
+// instrumented edge that is not reachable, or a measurable counter edge
+// whose index is not below num_counters.
+int load_edges(Solver &s, const uint32_t *buffer, uint32_t length, const uint64_t *counters,
+               uint32_t num_counters)
+{
     uint32_t e = 0;
+    uint64_t nodes = 0;
     bool valid = true;
-    for_each_stored_edge(buffer, length, [&](const StoredEdge &edge) {
-        const QuarlStoredRecord &record = edge.record;
-        s.src[e] = edge.src;
-        s.dest[e] = record.dest_idx;
-        s.flags[e] = static_cast<uint8_t>(record.flags);
-        bool counted = record.flags & QUARL_RECORD_INSTRUMENTED;
-        if (counted && !(record.flags & QUARL_RECORD_REACHABLE))
-            valid = false;
-        bool measured = counted && !(record.flags & QUARL_RECORD_IMMEASURABLE);
-        if (measured && record.counter_idx >= num_counters)
-            valid = false;
-        s.value[e] = measured && valid ? counters[record.counter_idx] : 0;
-        if (record.flags & QUARL_RECORD_REACHABLE)
-            s.state[record.dest_idx] |= node_reachable;
-        s.first_adjacent[edge.src + 1]++;
-        if (record.dest_idx != edge.src)
-            s.first_adjacent[record.dest_idx + 1]++;
-        ++e;
-    });
-    return valid;
+    if (!for_each_stored_edge(buffer, length, [&](const StoredEdge &edge) {
+            const QuarlStoredRecord &record = edge.record;
+            s.src[e] = edge.src;
+            s.dest[e] = record.dest_idx;
+            s.flags[e] = static_cast<uint8_t>(record.flags);
+            bool counted = record.flags & QUARL_RECORD_INSTRUMENTED;
+            if (counted && !(record.flags & QUARL_RECORD_REACHABLE))
+                valid = false;
+            bool measured = counted && !(record.flags & QUARL_RECORD_IMMEASURABLE);
+            if (measured && record.counter_idx >= num_counters)
+                valid = false;
+            s.value[e] = measured && valid ? counters[record.counter_idx] : 0;
+            uint64_t highest = edge.src > record.dest_idx ? edge.src : record.dest_idx;
+            if (highest + 1 > nodes)
+                nodes = highest + 1;
+            ++e;
+        }))
+        return 0;
+    if (nodes > UINT32_MAX - 1)
+        return 0;
+    s.num_edges = e;
+    s.num_nodes = static_cast<uint32_t>(nodes);
+    return valid ? 1 : -1;
 }
 
 void build_adjacency(Solver &s)
 {
+    for (uint32_t n = 0; n < s.num_nodes; ++n) {
+        s.state[n] = 0;
+        s.incoming[n] = s.outgoing[n] = 0;
+        s.unsettled_xor[n] = 0;
+        s.first_adjacent[n] = 0;
+    }
+    s.first_adjacent[s.num_nodes] = 0;
+    for (uint32_t e = 0; e < s.num_edges; ++e) {
+        if (reachable(s, e))
+            s.state[s.dest[e]] |= node_reachable;
+        s.first_adjacent[s.src[e] + 1]++;
+        if (s.dest[e] != s.src[e])
+            s.first_adjacent[s.dest[e] + 1]++;
+    }
     for (uint32_t n = 0; n < s.num_nodes; ++n)
         s.first_adjacent[n + 1] += s.first_adjacent[n];
     // unsettled doubles as the fill position of each node's run for a
@@ -217,8 +246,8 @@ void resolve_last_edge(Solver &s, uint32_t node, uint32_t last)
     uint64_t count = 0;
     for (uint32_t i = s.first_adjacent[node]; i < s.first_adjacent[node + 1]; ++i) {
         uint32_t e = s.adjacent[i];
-        if (e == last || !reachable(s, e))
-            continue;
+        if (e == last)
+            continue; // an unreachable edge holds 0 and changes nothing
         if ((s.dest[e] == node) != last_incoming)
             count += s.value[e];
         else
@@ -290,30 +319,31 @@ extern "C" int32_t quarl_compute_blocks_by_conservation(const uint32_t *buffer, 
                                                        uint32_t num_counters,
                                                        uint64_t *block_counts, uint32_t num_blocks)
 {
-    // First pass: check the words and size the arrays.
+    // Every edge is one stored record at most, so the record count sizes
+    // the edge arrays before the words are read.
     Solver s = {};
-    uint64_t edges = 0, nodes = 0;
-    if (!for_each_stored_edge(buffer, length, [&](const StoredEdge &edge) {
-            ++edges;
-            uint64_t highest = edge.src > edge.record.dest_idx ? edge.src : edge.record.dest_idx;
-            if (highest + 1 > nodes)
-                nodes = highest + 1;
-        }))
+    if (length == 0 || length > UINT32_MAX / 4)
         return 0;
-    if (edges > UINT32_MAX - 1 || nodes > UINT32_MAX - 1)
+    uint32_t format_id = read_u32_at(reinterpret_cast<const uint8_t *>(buffer), 0);
+    if (format_id >= c_encode_last)
         return 0;
-    s.num_edges = static_cast<uint32_t>(edges);
-    s.num_nodes = static_cast<uint32_t>(nodes);
-    if (!allocate(s))
+    uint64_t records =
+        (uint64_t{length} * 4 - 4) / quarl_stored_record_bytes(static_cast<QuarlEncodingFormat>(format_id));
+    s.edge_block = allocate([&](char *base) { return lay_out_edges(s, base, records); });
+    if (s.edge_block == nullptr)
         return 0;
+    int loaded = load_edges(s, buffer, length, counters, num_counters);
+    if (loaded != 0)
+        s.node_block = allocate([&](char *base) { return lay_out_nodes(s, base, s.num_nodes, s.num_edges); });
     int32_t result = 0;
-    if (load_edges(s, buffer, length, counters, num_counters)) {
+    if (loaded == 1 && s.node_block != nullptr) {
         build_adjacency(s);
         if (resolve(s)) {
             count_blocks(s, block_counts, num_blocks);
             result = 1;
         }
     }
-    quarl_mem_free(s.block);
+    quarl_mem_free(s.node_block);
+    quarl_mem_free(s.edge_block);
     return result;
 }

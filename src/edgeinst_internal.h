@@ -168,7 +168,7 @@ bool quarl_inst_graph_propagate_counts(QuarlInstGraph *graph);
 /* The two ways of quarl_compute_blocks_from_edges(), same arguments, same
  * results on every input: decoding into a graph, rebuilding its formulas
  * and propagating counts (the way with traces); or flow conservation on
- * flat arrays over the stored words, with one allocation. */
+ * flat arrays over the stored words, with two allocations. */
 int32_t quarl_compute_blocks_with_formulas(const uint32_t *buffer, uint32_t length,
                                            const uint64_t *counters, uint32_t num_counters,
                                            uint64_t *block_counts, uint32_t num_blocks);

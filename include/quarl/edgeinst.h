@@ -358,7 +358,7 @@ QUARL_API uint32_t quarl_encoded_graph_decode(QuarlEncodedGraph *encoded_graph,
  * 64-bit and wrap modulo 2^64 when the counters contradict each other.
  *
  * Cost: time and memory linear in the stored words and the highest block
- * index, about 60 bytes per edge, one allocation. With a trace bit set
+ * index, about 60 bytes per edge, two allocations. With a trace bit set
  * (quarl_inst_trace_mask_set()) it decodes into a graph and rebuilds its
  * formulas instead, to write the traces; that way costs edges times
  * counters in memory and gives the same results. */
