@@ -265,8 +265,10 @@ QUARL_API void quarl_inst_edge_set_as_instrumented(QuarlInstEdge *edge);
  * graph take two bitsets of m_num_edges bits for each reachable
  * uninstrumented edge, one bit per edge each: memory grows with edges
  * times edges, 12.5 KB per bitset and about 1.9 GB in all for a routine of
- * 100,000 edges (20 MB at 10,000). They come from one zeroed block, so
- * only the pages that receive bits are touched. Time is linear in the
+ * 100,000 edges (20 MB at 10,000). They come from one zeroed block,
+ * written only where bits go; on Linux a block of 32 MB or more is backed
+ * by huge pages where the system allows, and is then resident in full.
+ * Time is linear in the
  * edges plus the chunks that formulas actually use (a handful each in
  * compiled code). A few allocations per call. */
 QUARL_API int quarl_inst_graph_adjust_instrumentation(QuarlInstGraph *graph);
