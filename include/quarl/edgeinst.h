@@ -268,9 +268,8 @@ QUARL_API void quarl_inst_edge_set_as_instrumented(QuarlInstEdge *edge);
  * 100,000 edges (20 MB at 10,000). They come from one zeroed block,
  * written only where bits go; on Linux a block of 32 MB or more is backed
  * by huge pages where the system allows, and is then resident in full.
- * Time is linear in the
- * edges plus the chunks that formulas actually use (a handful each in
- * compiled code). A few allocations per call. */
+ * Time is linear in the edges plus the chunks that formulas actually use
+ * (a handful each in compiled code). A few allocations per call. */
 QUARL_API int quarl_inst_graph_adjust_instrumentation(QuarlInstGraph *graph);
 
 /* ======================================================================
