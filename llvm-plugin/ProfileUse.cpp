@@ -82,9 +82,9 @@ bool recordFits(const QuarlProfileFunction &Record, const RoutineGraph &Plan, co
 }
 
 bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysisManager &FAM,
-                FunctionCounts &Out)
+                const CalleeFacts &Facts, FunctionCounts &Out)
 {
-    RoutineGraph Plan = planFunction(F, FAM);
+    RoutineGraph Plan = planFunction(F, FAM, Facts);
     Placement Placed;
     if (!placeCounters(Plan, Placed)) {
         warn(F, "no counter placement found; compiled without profile");
@@ -187,13 +187,14 @@ PreservedAnalyses QuarlProfileUsePass::run(Module &M, ModuleAnalysisManager &MAM
     // static estimate of a caller looks at its callees' attributes, and
     // must be the one the instrumented build saw.
     FunctionAnalysisManager &FAM = MAM.getResult<FunctionAnalysisManagerModuleProxy>(M).getManager();
+    CalleeFacts Facts = CalleeFacts::of(M, FAM);
     std::vector<FunctionCounts> Annotated;
     for (Function *F : handledFunctions(M)) {
         auto Found = ByKey.find(profileKey(*F));
         if (Found == ByKey.end())
             continue; // not in the profile: compiled as without one
         FunctionCounts Counts;
-        if (readCounts(*F, *Found->second, FAM, Counts))
+        if (readCounts(*F, *Found->second, FAM, Facts, Counts))
             Annotated.push_back(std::move(Counts));
     }
     M.setProfileSummary(summarise(*Profile)->getMD(M.getContext()), ProfileSummary::PSK_Instr);

@@ -45,7 +45,8 @@ std::vector<llvm::Function *> handledFunctions(llvm::Module &M);
 std::string profileKey(const llvm::Function &F);
 
 // The function's graph with the static estimate's edge costs.
-RoutineGraph planFunction(llvm::Function &F, llvm::FunctionAnalysisManager &FAM);
+RoutineGraph planFunction(llvm::Function &F, llvm::FunctionAnalysisManager &FAM,
+                          const CalleeFacts &Facts);
 
 // One function's graph after placement: its stored words and, per planned
 // edge, the counter it carries (or none).

@@ -55,10 +55,10 @@ std::string profileKey(const Function &F)
     return F.getName().str();
 }
 
-RoutineGraph planFunction(Function &F, FunctionAnalysisManager &FAM)
+RoutineGraph planFunction(Function &F, FunctionAnalysisManager &FAM, const CalleeFacts &Facts)
 {
     return planRoutine(F, &FAM.getResult<BlockFrequencyAnalysis>(F),
-                       &FAM.getResult<BranchProbabilityAnalysis>(F));
+                       &FAM.getResult<BranchProbabilityAnalysis>(F), Facts);
 }
 
 bool placeCounters(const RoutineGraph &Plan, Placement &Out)

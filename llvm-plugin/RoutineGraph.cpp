@@ -5,10 +5,13 @@
 #include "llvm/ADT/SmallPtrSet.h"
 #include "llvm/Analysis/BlockFrequencyInfo.h"
 #include "llvm/Analysis/BranchProbabilityInfo.h"
+#include "llvm/Analysis/TargetLibraryInfo.h"
 #include "llvm/IR/CFG.h"
 #include "llvm/IR/InstrTypes.h"
 #include "llvm/IR/Instructions.h"
+#include "llvm/IR/InstIterator.h"
 #include "llvm/IR/IntrinsicInst.h"
+#include "llvm/IR/Module.h"
 
 using namespace llvm;
 
@@ -22,10 +25,14 @@ const uint64_t CostCap = uint64_t{1} << 60;
 int64_t capped(uint64_t Cost) { return int64_t(Cost < CostCap ? Cost : CostCap); }
 
 struct Planner {
-    Planner(const BlockFrequencyInfo *BFI, const BranchProbabilityInfo *BPI) : BFI(BFI), BPI(BPI) {}
+    Planner(const BlockFrequencyInfo *BFI, const BranchProbabilityInfo *BPI, const CalleeFacts &Facts)
+        : BFI(BFI), BPI(BPI), Facts(Facts)
+    {
+    }
 
     const BlockFrequencyInfo *BFI;
     const BranchProbabilityInfo *BPI;
+    const CalleeFacts &Facts;
     RoutineGraph Graph;
     DenseMap<const BasicBlock *, uint32_t> NodeOf;
 
@@ -52,7 +59,7 @@ struct Planner {
             // call is counted as part of the return.
             if (!Call || Call->isMustTailCall())
                 continue;
-            bool Leaves = mayLeaveMidBlock(*Call), Twice = returnsTwice(*Call);
+            bool Leaves = mayLeaveMidBlock(*Call, Facts), Twice = returnsTwice(*Call);
             if (!Leaves && !Twice)
                 continue;
             uint32_t Next = Graph.NumNodes++;
@@ -65,7 +72,7 @@ struct Planner {
             Stretch = Next;
         }
         Instruction *Term = BB.getTerminator();
-        if (auto *Invoke = dyn_cast<InvokeInst>(Term); Invoke && mayLeaveMidBlock(*Invoke))
+        if (auto *Invoke = dyn_cast<InvokeInst>(Term); Invoke && mayLeaveMidBlock(*Invoke, Facts))
             addVirtual(Stretch, PseudoExit);
         if (succ_empty(&BB)) { // ret, resume, unreachable
             add({Stretch, PseudoExit, EdgeKind::Return, &BB, nullptr, nullptr,
@@ -121,7 +128,88 @@ struct Planner {
 
 } // namespace
 
-bool mayLeaveMidBlock(const CallBase &Call)
+bool CalleeFacts::libraryFunctionComesBack(const CallBase &Call, const Function &Callee) const
+{
+    // The caller's library info: -fno-builtin-NAME is a per-function choice.
+    auto &Caller = const_cast<Function &>(*Call.getFunction()); // analyses take no const
+    const TargetLibraryInfo &TLI = FAM->getResult<TargetLibraryAnalysis>(Caller);
+    LibFunc Func;
+    if (!TLI.getLibFunc(Callee, Func) || !TLI.has(Func))
+        return false;
+    switch (Func) {
+    case LibFunc_execl:
+    case LibFunc_execle:
+    case LibFunc_execlp:
+    case LibFunc_execv:
+    case LibFunc_execvP:
+    case LibFunc_execve:
+    case LibFunc_execvp:
+    case LibFunc_execvpe:
+    case LibFunc_fork:
+    case LibFunc_qsort:
+        return false;
+    default:
+        break;
+    }
+    StringRef Name = Callee.getName(); // operator new and new[], Itanium and MSVC
+    return !Name.startswith("_Znw") && !Name.startswith("_Zna") && !Name.startswith("??2@") &&
+           !Name.startswith("??_U@");
+}
+
+bool CalleeFacts::comesBack(const CallBase &Call) const
+{
+    if (Call.hasFnAttr(Attribute::WillReturn))
+        return true;
+    const Function *Callee = Call.getCalledFunction();
+    if (!Callee)
+        return false;
+    if (Callee->isDeclaration())
+        return libraryFunctionComesBack(Call, *Callee);
+    return DefinedComingBack.count(Callee) != 0;
+}
+
+CalleeFacts CalleeFacts::of(Module &M, FunctionAnalysisManager &FAM)
+{
+    CalleeFacts Facts(FAM);
+    for (Function &F : M)
+        if (!F.isDeclaration() && !F.isInterposable() && !F.hasAvailableExternallyLinkage())
+            Facts.DefinedComingBack.insert(&F);
+    // Start from every candidate and drop those with a call that cannot come
+    // back; dropping one drops the callers that relied on it.
+    DenseMap<const Function *, SmallVector<const Function *, 4>> ReliedOnBy;
+    SmallVector<const Function *, 16> Dropped;
+    for (const Function *F : Facts.DefinedComingBack) {
+        for (const Instruction &I : instructions(*F)) {
+            const auto *Call = dyn_cast<CallBase>(&I);
+            if (!Call)
+                continue;
+            bool Fails = Call->doesNotReturn() || returnsTwice(*Call);
+            if (!Fails && (isa<IntrinsicInst>(Call) || Call->isInlineAsm()))
+                continue;
+            const Function *Callee = Call->getCalledFunction();
+            if (!Fails && Callee && Facts.DefinedComingBack.count(Callee) &&
+                !Call->hasFnAttr(Attribute::WillReturn)) {
+                ReliedOnBy[Callee].push_back(F);
+                continue;
+            }
+            if (Fails || !Facts.comesBack(*Call)) {
+                Dropped.push_back(F);
+                break;
+            }
+        }
+    }
+    for (const Function *F : Dropped)
+        Facts.DefinedComingBack.erase(F);
+    while (!Dropped.empty()) {
+        const Function *F = Dropped.pop_back_val();
+        for (const Function *Caller : ReliedOnBy.lookup(F))
+            if (Facts.DefinedComingBack.erase(Caller))
+                Dropped.push_back(Caller);
+    }
+    return Facts;
+}
+
+bool mayLeaveMidBlock(const CallBase &Call, const CalleeFacts &Facts)
 {
     if (isa<IntrinsicInst>(Call) || Call.isInlineAsm())
         return false;
@@ -129,14 +217,17 @@ bool mayLeaveMidBlock(const CallBase &Call)
     // a way out of its own.
     if (Call.doesNotReturn())
         return false;
-    return !(Call.hasFnAttr(Attribute::WillReturn) && Call.doesNotThrow());
+    // An invoke's exception takes its unwind edge, an edge of the graph.
+    bool UnwindsOut = !isa<InvokeInst>(Call) && !Call.doesNotThrow();
+    return UnwindsOut || !Facts.comesBack(Call);
 }
 
 bool returnsTwice(const CallBase &Call) { return Call.hasFnAttr(Attribute::ReturnsTwice); }
 
-RoutineGraph planRoutine(Function &F, const BlockFrequencyInfo *BFI, const BranchProbabilityInfo *BPI)
+RoutineGraph planRoutine(Function &F, const BlockFrequencyInfo *BFI, const BranchProbabilityInfo *BPI,
+                         const CalleeFacts &Facts)
 {
-    Planner P(BFI, BPI);
+    Planner P(BFI, BPI, Facts);
     for (BasicBlock &BB : F)
         P.NodeOf[&BB] = 2 + P.Graph.NumBlocks++;
     P.Graph.NumNodes = 2 + P.Graph.NumBlocks;

@@ -1,6 +1,6 @@
 // How a function becomes Quarl's graph: node 0 the pseudo entry, node 1
 // the pseudo exit, node 2+i the i-th basic block, then one node for each
-// stretch of a block that follows a call that may not return. Built the
+// stretch of a block that follows a call that may not come back. Built the
 // same way when instrumenting and when using a profile, so that both see
 // the same graph and the same stored words.
 #pragma once
@@ -9,7 +9,9 @@
 #include <vector>
 
 #include "llvm/ADT/DenseMap.h"
+#include "llvm/ADT/DenseSet.h"
 #include "llvm/IR/Function.h"
+#include "llvm/IR/PassManager.h"
 
 #include "quarl/edgeinst.h"
 
@@ -51,16 +53,40 @@ struct RoutineGraph {
     std::vector<bool> Reachable; // per node
 };
 
+// Which calls come back to the caller, by returning or by unwinding into
+// it, and never leave it by exit, longjmp or exec. Computed once per module
+// before anything changes, so that instrumentation and profile use see the
+// same facts.
+class CalleeFacts {
+public:
+    // A call comes back when it is marked willreturn, or calls a library
+    // function that LLVM recognises (but exec, fork, qsort, whose
+    // comparison may leave, and operator new, whose handler may), or a
+    // function defined here, which no other definition replaces at link
+    // time, and whose every call comes back. The largest such set of
+    // definitions is taken, so that recursion does not spoil it.
+    static CalleeFacts of(llvm::Module &M, llvm::FunctionAnalysisManager &FAM);
+
+    bool comesBack(const llvm::CallBase &Call) const;
+
+private:
+    explicit CalleeFacts(llvm::FunctionAnalysisManager &FAM) : FAM(&FAM) {}
+    bool libraryFunctionComesBack(const llvm::CallBase &Call, const llvm::Function &Callee) const;
+
+    llvm::FunctionAnalysisManager *FAM;
+    llvm::DenseSet<const llvm::Function *> DefinedComingBack;
+};
+
 // True when control may leave the function inside the call (exit, longjmp,
 // an exception with no landing pad here) or come back to just after it a
 // second time (setjmp).
-bool mayLeaveMidBlock(const llvm::CallBase &Call);
+bool mayLeaveMidBlock(const llvm::CallBase &Call, const CalleeFacts &Facts);
 bool returnsTwice(const llvm::CallBase &Call);
 
 // The graph of F; edge costs from the static estimate (block frequency times
 // branch probability) when BFI and BPI are given, 0 otherwise.
 RoutineGraph planRoutine(llvm::Function &F, const llvm::BlockFrequencyInfo *BFI,
-                         const llvm::BranchProbabilityInfo *BPI);
+                         const llvm::BranchProbabilityInfo *BPI, const CalleeFacts &Facts);
 
 // Quarl's graph of the plan, costs set, nothing instrumented; null when
 // memory runs out.

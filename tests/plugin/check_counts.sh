@@ -68,7 +68,15 @@ for level in -O0 -O2; do
         [ $level = -O2 ] || grep -q ':work entry 3$' "$work/quarl.blocks" ||
             fail "work runs once before the fork, once in the child, once after" ;;
     units) [ "$(grep -c ':helper entry' "$work/quarl.blocks")" -eq 3 ] || fail "three static helpers, three keys" ;;
-    control) grep -qx 'function main entry 2' "$work/quarl.blocks" || fail "two runs merged into one profile" ;;
+    control)
+        grep -qx 'function main entry 2' "$work/quarl.blocks" || fail "two runs merged into one profile"
+        "$QUARL" profile show "$work/quarl$level.quarlprof" | grep -qE ' 1  .*:mix$' ||
+            fail "mix() calls only functions that come back: one counter"
+        # Plain updates stay volatile, out of the optimiser's way (compile time).
+        "$CLANG" $level -fpass-plugin="$PLUGIN" -S -emit-llvm "$here/control.c" -o "$work/plain.ll"
+        grep -q 'load volatile i64.*__quarl_counters' "$work/plain.ll" || fail "no volatile counter update"
+        ! grep -qE 'load i64.*__quarl_counters|store i64 .*__quarl_counters' "$work/plain.ll" ||
+            fail "a counter update is not volatile" ;;
     esac
     echo "$case_name $level: $blocks block counts agree"
 done

@@ -1,6 +1,7 @@
 /* Nested loops, a switch with shared case blocks and fall-through, early
  * returns, recursion, goto, a static helper that -O2 inlines, and exit()
- * from inside a loop when given an argument. */
+ * two calls down from inside a loop when given an argument; mix() makes
+ * only calls that come back, so it needs no counter but its entry's. */
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -40,6 +41,18 @@ found:
     return i;
 }
 
+static int scaled(int x) { return x * 3 + 1; }
+
+static int mix(int x) { return scaled(scaled(x)) + abs(scaled(-x)); }
+
+static void leave_at(int i, int stop)
+{
+    if (stop && i == 77)
+        exit(3);
+}
+
+static void checkpoint(int i, int stop) { leave_at(i, stop); }
+
 int main(int argc, char **argv)
 {
     long total = 0;
@@ -52,9 +65,8 @@ int main(int argc, char **argv)
                 continue;
             total += classify(i * j + 1);
         }
-        total += search(values, 32, i % 25);
-        if (argc > 1 && i == 77)
-            exit(3);
+        total += search(values, 32, i % 25) + mix(i);
+        checkpoint(i, argc > 1);
     }
     printf("%ld %u\n", total, fib(15));
     return 0;
