@@ -45,5 +45,22 @@ best() { # N COMMAND... : the best of N runs
     echo "$best"
 }
 
+# The least wall time of each NAME over N rounds, the names taken in turn
+# within a round so that the drift of a shared machine falls on all alike:
+# best_time[NAME] after 'timed NAME', which the caller defines.
+declare -A best_time
+interleaved_best() { # N NAME...
+    local n=$1 name t
+    shift
+    for _ in $(seq "$n"); do
+        for name in "$@"; do
+            t=$(seconds timed "$name")
+            if [ -z "${best_time[$name]:-}" ] || [ "$(echo "$t < ${best_time[$name]}" | bc)" = 1 ]; then
+                best_time[$name]=$t
+            fi
+        done
+    done
+}
+
 ratio() { echo "scale=3; $1 / $2" | bc; }
 percent() { echo "scale=1; 100 * ($1 - $2) / $2" | bc; }

@@ -2,7 +2,8 @@
 // Loaded with -fpass-plugin=quarl_llvm.so it instruments every defined
 // function at the start of the optimisation pipeline; given a profile
 // (-mllvm -quarl-profile-use=FILE, or QUARL_PROFILE_USE=FILE) it uses the
-// profile there instead.
+// profile there instead. Above -O0 both first tidy the functions and
+// inline small callees, as LLVM's own instrumentation does.
 #include <cstdlib>
 #include <cstring>
 
@@ -13,6 +14,12 @@
 #include "llvm/Passes/PassBuilder.h"
 #include "llvm/Passes/PassPlugin.h"
 #include "llvm/Support/CommandLine.h"
+#include "llvm/Transforms/IPO/GlobalDCE.h"
+#include "llvm/Transforms/IPO/Inliner.h"
+#include "llvm/Transforms/InstCombine/InstCombine.h"
+#include "llvm/Transforms/Scalar/EarlyCSE.h"
+#include "llvm/Transforms/Scalar/SROA.h"
+#include "llvm/Transforms/Scalar/SimplifyCFG.h"
 
 #include "QuarlPasses.h"
 
@@ -97,8 +104,39 @@ std::string profileToUse()
     return Path ? Path : "";
 }
 
-void addQuarlPass(ModulePassManager &MPM)
+// What LLVM's own instrumentation runs before it counts: clang's blocks
+// tidied (allocas into registers, blocks merged) and callees small enough
+// to inline anyway inlined first, with the pre-inliner's thresholds. A
+// small function is then counted once in each caller, in context, instead
+// of having its counters copied into every caller by the inliner later;
+// the instrumented -O2 build compiles no slower than the plain one.
+void addSimplification(ModulePassManager &MPM, OptimizationLevel Level)
 {
+    FunctionPassManager Tidy;
+    Tidy.addPass(SimplifyCFGPass());
+    Tidy.addPass(SROAPass());
+    Tidy.addPass(EarlyCSEPass());
+    MPM.addPass(createModuleToFunctionPassAdaptor(std::move(Tidy)));
+
+    const int PreInlineThreshold = 75, HintThreshold = 325;
+    InlineParams Params;
+    Params.DefaultThreshold = PreInlineThreshold;
+    Params.HintThreshold = Level.isOptimizingForSize() ? PreInlineThreshold : HintThreshold;
+    ModuleInlinerWrapperPass Inliner(Params);
+    FunctionPassManager Cleanup;
+    Cleanup.addPass(SROAPass());
+    Cleanup.addPass(EarlyCSEPass());
+    Cleanup.addPass(SimplifyCFGPass());
+    Cleanup.addPass(InstCombinePass());
+    Inliner.getPM().addPass(createCGSCCToFunctionPassAdaptor(std::move(Cleanup)));
+    MPM.addPass(std::move(Inliner));
+    MPM.addPass(GlobalDCEPass()); // nothing dead gets counted
+}
+
+void addQuarlPass(ModulePassManager &MPM, OptimizationLevel Level)
+{
+    if (Level != OptimizationLevel::O0)
+        addSimplification(MPM, Level);
     std::string Profile = profileToUse();
     if (Profile.empty())
         MPM.addPass(quarl_llvm::QuarlInstrumentPass());
@@ -113,7 +151,7 @@ llvmGetPassPluginInfo()
 {
     return {LLVM_PLUGIN_API_VERSION, "quarl", "0.1.0", [](PassBuilder &PB) {
                 PB.registerPipelineStartEPCallback(
-                    [](ModulePassManager &MPM, OptimizationLevel) { addQuarlPass(MPM); });
+                    [](ModulePassManager &MPM, OptimizationLevel Level) { addQuarlPass(MPM, Level); });
                 PB.registerPipelineParsingCallback(
                     [](StringRef Name, ModulePassManager &MPM, ArrayRef<PassBuilder::PipelineElement>) {
                         if (Name == "quarl-instrument")

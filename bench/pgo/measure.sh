@@ -65,10 +65,16 @@ compile quarl-instrumented -fpass-plugin="$plugin"
 link quarl-instrumented "$runtime"
 QUARL_PROFILE_FILE=$work/train.quarlprof ./quarl-instrumented "$train" >/dev/null
 
-echo "compiling sqlite3.c (best of $compiles)..." >&2
-compile_none=$(best "$compiles" compile none)
-compile_clang=$(best "$compiles" compile clang -fprofile-use="$work/clang.profdata")
-compile_quarl=$(best "$compiles" compile quarl "${quarl_use[@]}")
+echo "compiling sqlite3.c (best of $compiles, interleaved)..." >&2
+timed() {
+    case $1 in
+    none) compile none ;;
+    clang) compile clang -fprofile-use="$work/clang.profdata" ;;
+    quarl) compile quarl "${quarl_use[@]}" ;;
+    esac
+}
+interleaved_best "$compiles" none clang quarl
+compile_none=${best_time[none]} compile_clang=${best_time[clang]} compile_quarl=${best_time[quarl]}
 compile_instrumented=$(best 1 compile quarl-instrumented -fpass-plugin="$plugin")
 compile_edges=$(best 1 compile clang-edges -fprofile-use="$work/clang-edges.profdata" -mllvm -disable-vp)
 for name in none clang clang-edges quarl; do link $name; done
@@ -82,15 +88,10 @@ for name in clang clang-edges quarl quarl-instrumented; do
 done
 
 echo "running the workload at scale $scale, best of $runs..." >&2
-declare -A time
-for _ in $(seq "$runs"); do
-    for name in none clang clang-edges quarl quarl-instrumented; do
-        t=$(QUARL_PROFILE_FILE=$work/measure.quarlprof seconds ./$name "$scale")
-        if [ -z "${time[$name]:-}" ] || [ "$(echo "$t < ${time[$name]}" | bc)" = 1 ]; then
-            time[$name]=$t
-        fi
-    done
-done
+timed() { QUARL_PROFILE_FILE=$work/measure.quarlprof "./$1" "$scale"; }
+best_time=()
+interleaved_best "$runs" none clang clang-edges quarl quarl-instrumented
+declare -n time=best_time
 
 speedup() { ratio "${time[none]}" "${time[$1]}"; }
 fraction() { echo "scale=3; (${time[none]} / ${time[quarl]} - 1) / (${time[none]} / ${time[$1]} - 1)" | bc; }

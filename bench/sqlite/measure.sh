@@ -11,8 +11,9 @@
 # Checks that every block count of the Quarl profile equals the naive
 # count, then prints the figures of the README: functions instrumented,
 # counters per block, compile time with the plugin and with clang's own
-# instrumentation against the plain build (best of COMPILES), run time of each instrumented build next to the plain one
-# (best of RUNS), and profile bytes next to clang's .profraw.
+# instrumentation against the plain build (best of COMPILES), run time of
+# each instrumented build next to the plain one (best of RUNS, both
+# interleaved), and profile bytes next to clang's .profraw.
 # Usage: bench/sqlite/measure.sh [BUILD_DIR] ; SCALE, RUNS, COMPILES from
 # the environment (defaults 10, 5, 2).
 set -euo pipefail
@@ -47,10 +48,10 @@ link() { # VARIANT
     unset QUARL_NAIVE_COUNTS
 }
 
-echo "compiling sqlite3.c (best of $compiles for plain and quarl)..." >&2
-compile_plain=$(best "$compiles" compile plain)
-compile_quarl=$(best "$compiles" compile quarl)
-compile_clang=$(best 1 compile clang)
+echo "compiling sqlite3.c (best of $compiles, interleaved)..." >&2
+timed() { compile "$1"; }
+interleaved_best "$compiles" plain quarl clang
+compile_plain=${best_time[plain]} compile_quarl=${best_time[quarl]} compile_clang=${best_time[clang]}
 compile naive
 for variant in plain quarl naive clang; do link $variant; done
 
@@ -68,9 +69,10 @@ fi
 checked=$(grep -c '^  block' quarl.blocks)
 
 echo "running the workload (scale $scale, best of $runs)..." >&2
-run_plain=$(best "$runs" ./plain "$scale")
-run_quarl=$(QUARL_PROFILE_FILE=$work/runs.quarlprof best "$runs" ./quarl "$scale")
-run_clang=$(LLVM_PROFILE_FILE=$work/runs-%p.profraw best "$runs" ./clang "$scale")
+timed() { QUARL_PROFILE_FILE=$work/runs.quarlprof LLVM_PROFILE_FILE=$work/runs-%p.profraw "./$1" "$scale"; }
+best_time=()
+interleaved_best "$runs" plain quarl clang
+run_plain=${best_time[plain]} run_quarl=${best_time[quarl]} run_clang=${best_time[clang]}
 rm -f runs-*.profraw
 LLVM_PROFILE_FILE=$work/one.profraw ./clang "$scale" >/dev/null
 

@@ -1,4 +1,4 @@
-static int helper(int x)
+static __attribute__((noinline)) int helper(int x)
 {
     int sum = 0;
     for (int i = 0; i < x; ++i)

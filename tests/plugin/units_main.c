@@ -1,7 +1,7 @@
 #include <stdio.h>
 int unit_a(int x);
 int unit_b(int x);
-static int helper(int x) { return x % 3 == 0; }
+static __attribute__((noinline)) int helper(int x) { return x % 3 == 0; }
 int main(void)
 {
     int total = 0;
