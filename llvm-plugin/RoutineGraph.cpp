@@ -86,7 +86,16 @@ struct Planner {
             uint64_t Cost = 0;
             if (BPI)
                 Cost = BPI->getEdgeProbability(&BB, Succ).scale(frequency(&BB));
-            add({Stretch, NodeOf[Succ], EdgeKind::Branch, &BB, Succ, nullptr, capped(Cost), false});
+            uint32_t Dest = NodeOf[Succ];
+            if (Dest == Stretch) {
+                // A branch back to its own block goes through a node of its
+                // own: flow conservation takes an edge from a node to itself
+                // as entering it only, which a branch that both leaves and
+                // enters the block is not.
+                Dest = Graph.NumNodes++;
+                addVirtual(Dest, Stretch);
+            }
+            add({Stretch, Dest, EdgeKind::Branch, &BB, Succ, nullptr, capped(Cost), false});
         }
     }
 

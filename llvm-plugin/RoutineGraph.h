@@ -1,6 +1,7 @@
 // How a function becomes Quarl's graph: node 0 the pseudo entry, node 1
 // the pseudo exit, node 2+i the i-th basic block, then one node for each
-// stretch of a block that follows a call that may not come back. Built the
+// stretch of a block that follows a call that may not come back and one
+// for each branch of a block back to itself. Built the
 // same way when instrumenting and when using a profile, so that both see
 // the same graph and the same stored words.
 #pragma once
@@ -48,7 +49,7 @@ struct PlannedEdge {
 
 struct RoutineGraph {
     uint32_t NumBlocks = 0; // real blocks
-    uint32_t NumNodes = 0;  // with the pseudo nodes and the stretches
+    uint32_t NumNodes = 0;  // with the pseudo nodes, stretches and branches back
     std::vector<PlannedEdge> Edges;
     std::vector<bool> Reachable; // per node
 };

@@ -1,7 +1,8 @@
 /* Nested loops, a switch with shared case blocks and fall-through, early
  * returns, recursion, goto, a static helper that -O2 inlines, and exit()
  * two calls down from inside a loop when given an argument; mix() makes
- * only calls that come back, so it needs no counter but its entry's. */
+ * only calls that come back, so it needs no counter but its entry's; spin()
+ * becomes a block that branches back to itself once simplified. */
 #include <stdio.h>
 #include <stdlib.h>
 
@@ -45,6 +46,16 @@ static int scaled(int x) { return x * 3 + 1; }
 
 static int mix(int x) { return scaled(scaled(x)) + abs(scaled(-x)); }
 
+static unsigned spin(unsigned n)
+{
+    unsigned x = 1;
+again:
+    x = x * 3 + n;
+    if (--n != 0)
+        goto again;
+    return x;
+}
+
 static void leave_at(int i, int stop)
 {
     if (stop && i == 77)
@@ -65,7 +76,7 @@ int main(int argc, char **argv)
                 continue;
             total += classify(i * j + 1);
         }
-        total += search(values, 32, i % 25) + mix(i);
+        total += search(values, 32, i % 25) + mix(i) + spin(i % 5 + 1);
         checkpoint(i, argc > 1);
     }
     printf("%ld %u\n", total, fib(15));
