@@ -63,4 +63,8 @@ interleaved_best() { # N NAME...
 }
 
 ratio() { echo "scale=3; $1 / $2" | bc; }
-percent() { echo "scale=1; 100 * ($1 - $2) / $2" | bc; }
+percent() { # NEW OLD : the change in percent, signed
+    local p
+    p=$(echo "scale=1; 100 * ($1 - $2) / $2" | bc)
+    case $p in -*) echo "$p" ;; *) echo "+$p" ;; esac
+}

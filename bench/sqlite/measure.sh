@@ -88,10 +88,10 @@ cat <<TABLE
 | functions instrumented | $functions |
 | counters per block | $counters / $blocks = $(ratio "$counters" "$blocks") |
 | compile sqlite3.c -O2, plain | ${compile_plain} s |
-| compile sqlite3.c -O2, with the plugin | ${compile_quarl} s (+$(percent "$compile_quarl" "$compile_plain")%) |
-| compile sqlite3.c -O2, clang -fprofile-generate | ${compile_clang} s (+$(percent "$compile_clang" "$compile_plain")%) |
+| compile sqlite3.c -O2, with the plugin | ${compile_quarl} s ($(percent "$compile_quarl" "$compile_plain")%) |
+| compile sqlite3.c -O2, clang -fprofile-generate | ${compile_clang} s ($(percent "$compile_clang" "$compile_plain")%) |
 | workload run time: plain | ${run_plain} s |
-| workload run time: Quarl instrumented | ${run_quarl} s (+$(percent "$run_quarl" "$run_plain")%) |
-| workload run time: clang -fprofile-generate | ${run_clang} s (+$(percent "$run_clang" "$run_plain")%) |
+| workload run time: Quarl instrumented | ${run_quarl} s ($(percent "$run_quarl" "$run_plain")%) |
+| workload run time: clang -fprofile-generate | ${run_clang} s ($(percent "$run_clang" "$run_plain")%) |
 | profile bytes: Quarl / clang .profraw | $(stat -c %s check.quarlprof) / $(stat -c %s one.profraw) |
 TABLE
