@@ -1,15 +1,17 @@
 # Shared by the SQLite measurement scripts: checking what they need,
 # fetching SQLite and timing. Sourced.
 
-# Checks the tools and Quarl's build, then moves into a scratch directory
-# ($work) that is removed at exit.
+# Checks the tools and Quarl's build ($plugin, $runtime and $quarl name its
+# parts), then moves into a scratch directory ($work) that is removed at
+# exit.
 prepare() { # BUILD_DIR TOOL...
     local build=$1 tool needed
     shift
     for tool in "$@"; do
         command -v "$tool" >/dev/null || { echo "needs $tool" >&2; exit 2; }
     done
-    for needed in "$build/llvm-plugin/quarl_llvm.so" "$build/runtime/libquarl_rt.a" "$build/tools/quarl"; do
+    plugin=$build/llvm-plugin/quarl_llvm.so runtime=$build/runtime/libquarl_rt.a quarl=$build/tools/quarl
+    for needed in "$plugin" "$runtime" "$quarl"; do
         [ -e "$needed" ] || { echo "missing $needed: build Quarl with LLVM 14 first" >&2; exit 2; }
     done
     work=$(mktemp -d)

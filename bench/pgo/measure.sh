@@ -31,8 +31,6 @@ train=${TRAIN:-3}
 scale=${SCALE:-10}
 runs=${RUNS:-10}
 compiles=${COMPILES:-2}
-plugin=$build/llvm-plugin/quarl_llvm.so
-runtime=$build/runtime/libquarl_rt.a
 source "$here/../common.sh"
 prepare "$build" bc npm clang-14 llvm-profdata-14
 src=$(fetch_sqlite)

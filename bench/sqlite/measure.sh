@@ -22,9 +22,6 @@ build=$(cd "${1:-$here/../../build}" && pwd)
 scale=${SCALE:-10}
 runs=${RUNS:-5}
 compiles=${COMPILES:-2}
-plugin=$build/llvm-plugin/quarl_llvm.so
-runtime=$build/runtime/libquarl_rt.a
-quarl=$build/tools/quarl
 source "$here/../common.sh"
 prepare "$build" bc npm clang-14
 src=$(fetch_sqlite)
