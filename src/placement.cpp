@@ -155,13 +155,12 @@ void run_round_two(PlacementState *state)
 
 // ---- Counter selection ---------------------------------------------------------
 
-// The sort key is copied out of the edge, so that sorting compares records
-// in one array instead of chasing every edge.
+// The sort key is copied out of the edge, so that sorting moves small
+// records in one array instead of chasing every edge.
 struct TreeCandidate {
-    int group; // tree_group()
     int64_t cost;
     uint32_t index; // in the edge vector
-    const QuarlInstEdge *edge;
+    int group;      // tree_group()
 };
 
 // Kruskal's order: pseudo and immeasurable edges first (a counter there is
@@ -230,13 +229,16 @@ void build_spanning_forest(const QuarlInstGraph *graph, SelectionScratch *scratc
     for (uint32_t i = 0; i < graph->m_num_edges; ++i)
         if (graph->m_edge_vec[i]->m_is_reachable)
             scratch->candidates[considered++] =
-                TreeCandidate{tree_group(graph->m_edge_vec[i]), graph->m_edge_vec[i]->m_cost, i,
-                              graph->m_edge_vec[i]};
+                TreeCandidate{graph->m_edge_vec[i]->m_cost, i, tree_group(graph->m_edge_vec[i])};
     for (uint32_t i = 0; i < graph->m_num_nodes; ++i)
         scratch->parent[i] = i;
-    std::sort(scratch->candidates, scratch->candidates + considered, precedes_in_tree_order);
+    // A lambda, not the function's address, so that the comparison inlines.
+    std::sort(scratch->candidates, scratch->candidates + considered,
+              [](const TreeCandidate &first, const TreeCandidate &second) {
+                  return precedes_in_tree_order(first, second);
+              });
     for (uint32_t i = 0; i < considered; ++i)
-        if (join_trees(scratch, scratch->candidates[i].edge))
+        if (join_trees(scratch, graph->m_edge_vec[scratch->candidates[i].index]))
             scratch->on_tree[scratch->candidates[i].index] = 1;
 }
 
