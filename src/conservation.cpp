@@ -14,8 +14,6 @@
 // value is the plain arithmetic sum modulo 2^64. Which end resolves an edge
 // can matter when the counters contradict each other, so nodes are taken
 // in the same first-in first-out order as the rebuild.
-#include <type_traits>
-
 #include "edgeinst_internal.h"
 
 namespace {
@@ -97,8 +95,8 @@ struct Solver {
 bool reachable(const Solver &s, uint32_t e) { return s.flags[e] & QUARL_RECORD_REACHABLE; }
 bool instrumented(const Solver &s, uint32_t e) { return s.flags[e] & QUARL_RECORD_INSTRUMENTED; }
 
-// Lays arrays out from base, widest first so that each is aligned, and
-// returns the bytes they take; with a null base it only measures.
+// Places arrays one after the other from base and counts the bytes they
+// take; with a null base it only counts.
 class Carver {
 public:
     explicit Carver(char *base) : m_base(base) {}
@@ -115,6 +113,8 @@ private:
     uint64_t m_used = 0;
 };
 
+// Each block's arrays, widest first so that each is aligned; the bytes they
+// take.
 uint64_t lay_out_edges(Solver &s, char *base, uint64_t edges)
 {
     Carver carver(base);
