@@ -192,16 +192,16 @@ CalleeFacts CalleeFacts::of(Module &M, FunctionAnalysisManager &FAM)
             const auto *Call = dyn_cast<CallBase>(&I);
             if (!Call)
                 continue;
-            bool Fails = Call->doesNotReturn() || returnsTwice(*Call);
-            if (!Fails && (isa<IntrinsicInst>(Call) || Call->isInlineAsm()))
+            bool ComesBack = !Call->doesNotReturn() && !returnsTwice(*Call);
+            if (ComesBack && (isa<IntrinsicInst>(Call) || Call->isInlineAsm() ||
+                              Call->hasFnAttr(Attribute::WillReturn)))
                 continue;
             const Function *Callee = Call->getCalledFunction();
-            if (!Fails && Callee && Facts.DefinedComingBack.count(Callee) &&
-                !Call->hasFnAttr(Attribute::WillReturn)) {
-                ReliedOnBy[Callee].push_back(F);
+            if (ComesBack && Callee && Facts.DefinedComingBack.count(Callee)) {
+                ReliedOnBy[Callee].push_back(F); // decided below
                 continue;
             }
-            if (Fails || !Facts.comesBack(*Call)) {
+            if (!ComesBack || !Facts.comesBack(*Call)) {
                 Dropped.push_back(F);
                 break;
             }
