@@ -1,10 +1,13 @@
 // Instrumentation: Quarl chooses the counters over each function's graph,
-// a 64-bit counter is incremented on each counted edge, and the module
-// registers its table of functions (key, checksum, encoded graph, counters)
-// with the training runtime from a constructor.
+// a 64-bit counter is incremented on each counted edge, each value site
+// hands its callee or length to the runtime, and the module registers its
+// table of functions (key, checksum, encoded graph, counters, value sites)
+// and of the functions whose address is taken with the training runtime
+// from a constructor.
 #include "llvm/IR/CFG.h"
 #include "llvm/IR/Constants.h"
 #include "llvm/IR/IRBuilder.h"
+#include "llvm/IR/IntrinsicInst.h"
 #include "llvm/IR/Module.h"
 #include "llvm/Support/CommandLine.h"
 #include "llvm/Transforms/Utils/BasicBlockUtils.h"
@@ -12,6 +15,7 @@
 
 #include "QuarlPasses.h"
 #include "quarl_profile.h"
+#include "quarl_rt.h"
 
 using namespace llvm;
 
@@ -105,16 +109,49 @@ public:
         std::vector<uint32_t> Words;
         GlobalVariable *Counters;
         uint32_t NumCounters;
+        GlobalVariable *Sites = nullptr;
+        uint32_t NumSites = 0;
     };
 
     bool instrument(Function &F, FunctionAnalysisManager &FAM, const CalleeFacts &Facts, Record &Out);
-    void registerTable(Module &M, const std::vector<Record> &Records);
+    void registerTable(Module &M, const std::vector<Record> &Records, const std::vector<Function *> &Targets);
 
 private:
     GlobalVariable *counterArray(Module &M, Function &F, uint32_t Count);
     void increment(Instruction *Before, GlobalVariable *Counters, uint32_t Index);
+    void recordValues(Function &F, const std::vector<ValueSite> &Sites, Record &Out);
     bool Atomic;
 };
+
+// The layout of QuarlRtValueSite.
+StructType *valueSiteType(LLVMContext &Ctx)
+{
+    Type *I32 = Type::getInt32Ty(Ctx), *I64 = Type::getInt64Ty(Ctx);
+    auto *Slots = ArrayType::get(I64, QUARL_RT_SITE_VALUES);
+    return StructType::get(Ctx, {I32, I32, I64, Slots, Slots});
+}
+
+// The runtime's recording function for a kind of site: it only writes the
+// site's slots, never throws and always returns.
+FunctionCallee recorder(Module &M, uint32_t Kind)
+{
+    LLVMContext &Ctx = M.getContext();
+    Type *Value = Kind == QUARL_VALUE_CALL_TARGET ? static_cast<Type *>(Type::getInt8PtrTy(Ctx)) : Type::getInt64Ty(Ctx);
+    FunctionCallee Callee = M.getOrInsertFunction(
+        Kind == QUARL_VALUE_CALL_TARGET ? "__quarl_record_target" : "__quarl_record_size",
+        FunctionType::get(Type::getVoidTy(Ctx), {valueSiteType(Ctx)->getPointerTo(), Value}, false));
+    if (auto *F = dyn_cast<Function>(Callee.getCallee())) {
+        F->addFnAttr(Attribute::NoUnwind);
+        F->addFnAttr(Attribute::WillReturn);
+        F->addFnAttr(Attribute::ArgMemOnly);
+        F->addParamAttr(0, Attribute::NoCapture);
+        if (Kind == QUARL_VALUE_CALL_TARGET) {
+            F->addParamAttr(1, Attribute::NoCapture);
+            F->addParamAttr(1, Attribute::ReadNone);
+        }
+    }
+    return Callee;
+}
 
 GlobalVariable *Instrumenter::counterArray(Module &M, Function &F, uint32_t Count)
 {
@@ -141,9 +178,41 @@ void Instrumenter::increment(Instruction *Before, GlobalVariable *Counters, uint
     B.CreateStore(B.CreateAdd(Count, B.getInt64(1)), Slot, /*isVolatile=*/true);
 }
 
+// Each site's value goes to the runtime just before the site runs.
+void Instrumenter::recordValues(Function &F, const std::vector<ValueSite> &Sites, Record &Out)
+{
+    if (Sites.empty())
+        return;
+    Module &M = *F.getParent();
+    LLVMContext &Ctx = M.getContext();
+    StructType *SiteTy = valueSiteType(Ctx);
+    std::vector<Constant *> Initial;
+    for (const ValueSite &Site : Sites)
+        Initial.push_back(ConstantStruct::get(
+            SiteTy, {ConstantInt::get(Type::getInt32Ty(Ctx), Site.Kind), ConstantInt::get(Type::getInt32Ty(Ctx), 0),
+                     ConstantInt::get(Type::getInt64Ty(Ctx), 0), ConstantAggregateZero::get(SiteTy->getElementType(3)),
+                     ConstantAggregateZero::get(SiteTy->getElementType(4))}));
+    auto *ArrayTy = ArrayType::get(SiteTy, Sites.size());
+    Out.NumSites = uint32_t(Sites.size());
+    Out.Sites = new GlobalVariable(M, ArrayTy, false, GlobalValue::PrivateLinkage,
+                                   ConstantArray::get(ArrayTy, Initial), "__quarl_sites." + F.getName());
+    for (uint32_t I = 0; I < Sites.size(); ++I) {
+        IRBuilder<> B(Sites[I].Site);
+        Value *Slot = B.CreateConstInBoundsGEP2_64(ArrayTy, Out.Sites, 0, I);
+        Value *Observed;
+        if (Sites[I].Kind == QUARL_VALUE_CALL_TARGET)
+            Observed = B.CreatePointerCast(cast<CallBase>(Sites[I].Site)->getCalledOperand(), B.getInt8PtrTy());
+        else
+            Observed = B.CreateZExtOrTrunc(cast<MemIntrinsic>(Sites[I].Site)->getLength(), B.getInt64Ty());
+        B.CreateCall(recorder(M, Sites[I].Kind), {Slot, Observed});
+    }
+}
+
 bool Instrumenter::instrument(Function &F, FunctionAnalysisManager &FAM, const CalleeFacts &Facts,
                               Record &Out)
 {
+    // Sites and graph are both taken before any code is added.
+    std::vector<ValueSite> Sites = valueSites(F);
     RoutineGraph Plan = planFunction(F, FAM, Facts);
     Placement Placed;
     if (!placeCounters(Plan, Placed)) {
@@ -166,6 +235,7 @@ bool Instrumenter::instrument(Function &F, FunctionAnalysisManager &FAM, const C
             Blocks.push_back(&BB);
         for (uint32_t I = 0; I < Blocks.size(); ++I)
             increment(&*Blocks[I]->getFirstInsertionPt(), Out.Counters, I);
+        recordValues(F, Sites, Out);
         return true;
     }
     std::vector<std::pair<const PlannedEdge *, uint32_t>> Counted;
@@ -183,42 +253,58 @@ bool Instrumenter::instrument(Function &F, FunctionAnalysisManager &FAM, const C
     Out.Counters = counterArray(M, F, Out.NumCounters);
     for (const auto &[Edge, Index] : Counted)
         increment(insertionPoint(*Edge), Out.Counters, Index);
+    recordValues(F, Sites, Out);
     return true;
 }
 
-// The module's table of functions and the constructor that hands it to the
-// runtime, in the layout of QuarlRtFunction and QuarlRtModule.
-void Instrumenter::registerTable(Module &M, const std::vector<Record> &Records)
+// The module's tables of functions and of call targets, and the
+// constructor that hands them to the runtime, in the layout of
+// QuarlRtFunction, QuarlRtTarget and QuarlRtModule.
+void Instrumenter::registerTable(Module &M, const std::vector<Record> &Records,
+                                 const std::vector<Function *> &Targets)
 {
     LLVMContext &Ctx = M.getContext();
     Type *I32 = Type::getInt32Ty(Ctx), *I64 = Type::getInt64Ty(Ctx);
-    PointerType *I8Ptr = Type::getInt8PtrTy(Ctx);
+    PointerType *I8Ptr = Type::getInt8PtrTy(Ctx), *SitePtr = valueSiteType(Ctx)->getPointerTo();
     auto *FunctionTy = StructType::create(Ctx, {I8Ptr, I64, I32, I32, I32, I32, I32, Type::getInt32PtrTy(Ctx),
-                                                Type::getInt64PtrTy(Ctx)},
+                                                Type::getInt64PtrTy(Ctx), I32, SitePtr},
                                           "quarl.function");
-    auto *ModuleTy = StructType::create(Ctx, {I32, I32, FunctionTy->getPointerTo(), I8Ptr}, "quarl.module");
+    auto *TargetTy = StructType::create(Ctx, {I8Ptr, I64}, "quarl.target");
+    auto *ModuleTy = StructType::create(
+        Ctx, {I32, I32, FunctionTy->getPointerTo(), I8Ptr, I32, TargetTy->getPointerTo()}, "quarl.module");
     std::vector<Constant *> Entries;
     for (const Record &R : Records) {
         Constant *Key = ConstantDataArray::getString(Ctx, R.Key);
         auto *KeyVar = new GlobalVariable(M, Key->getType(), true, GlobalValue::PrivateLinkage, Key, "__quarl_key");
         Constant *Words = ConstantDataArray::get(Ctx, ArrayRef<uint32_t>(R.Words));
         auto *WordsVar = new GlobalVariable(M, Words->getType(), true, GlobalValue::PrivateLinkage, Words, "__quarl_words");
+        Constant *Sites = R.Sites ? ConstantExpr::getPointerCast(R.Sites, SitePtr) : ConstantPointerNull::get(SitePtr);
         Entries.push_back(ConstantStruct::get(
             FunctionTy, {ConstantExpr::getPointerCast(KeyVar, I8Ptr), ConstantInt::get(I64, R.Checksum),
                          ConstantInt::get(I32, R.Flags), ConstantInt::get(I32, R.NumBlocks),
                          ConstantInt::get(I32, R.NumNodes), ConstantInt::get(I32, R.Words.size()),
                          ConstantInt::get(I32, R.NumCounters),
                          ConstantExpr::getPointerCast(WordsVar, Type::getInt32PtrTy(Ctx)),
-                         ConstantExpr::getPointerCast(R.Counters, Type::getInt64PtrTy(Ctx))}));
+                         ConstantExpr::getPointerCast(R.Counters, Type::getInt64PtrTy(Ctx)),
+                         ConstantInt::get(I32, R.NumSites), Sites}));
     }
     auto *TableTy = ArrayType::get(FunctionTy, Entries.size());
     auto *Table = new GlobalVariable(M, TableTy, true, GlobalValue::PrivateLinkage,
                                      ConstantArray::get(TableTy, Entries), "__quarl_functions");
+    std::vector<Constant *> TargetEntries;
+    for (Function *F : Targets)
+        TargetEntries.push_back(ConstantStruct::get(
+            TargetTy, {ConstantExpr::getPointerCast(F, I8Ptr),
+                       ConstantInt::get(I64, quarl_profile_key_hash(profileKey(*F).c_str()))}));
+    auto *TargetsTy = ArrayType::get(TargetTy, TargetEntries.size());
+    auto *TargetTable = new GlobalVariable(M, TargetsTy, true, GlobalValue::PrivateLinkage,
+                                           ConstantArray::get(TargetsTy, TargetEntries), "__quarl_targets");
     auto *Descriptor = new GlobalVariable(
         M, ModuleTy, false, GlobalValue::PrivateLinkage,
-        ConstantStruct::get(ModuleTy, {ConstantInt::get(I32, 1), ConstantInt::get(I32, Entries.size()),
+        ConstantStruct::get(ModuleTy, {ConstantInt::get(I32, QUARL_RT_VERSION), ConstantInt::get(I32, Entries.size()),
                                        ConstantExpr::getPointerCast(Table, FunctionTy->getPointerTo()),
-                                       ConstantPointerNull::get(I8Ptr)}),
+                                       ConstantPointerNull::get(I8Ptr), ConstantInt::get(I32, TargetEntries.size()),
+                                       ConstantExpr::getPointerCast(TargetTable, TargetTy->getPointerTo())}),
         "__quarl_module");
     FunctionCallee Register = M.getOrInsertFunction(
         "__quarl_register_module", FunctionType::get(Type::getVoidTy(Ctx), {ModuleTy->getPointerTo()}, false));
@@ -230,6 +316,18 @@ void Instrumenter::registerTable(Module &M, const std::vector<Record> &Records)
     appendToGlobalCtors(M, Ctor, 0);
 }
 
+// Functions an indirect call may reach: those whose address is taken,
+// declarations included (a callee defined in another module has its key
+// there too).
+std::vector<Function *> callTargets(Module &M)
+{
+    std::vector<Function *> Targets;
+    for (Function &F : M)
+        if (!F.isIntrinsic() && F.hasAddressTaken() && !F.getName().startswith("__quarl"))
+            Targets.push_back(&F);
+    return Targets;
+}
+
 } // namespace
 
 PreservedAnalyses QuarlInstrumentPass::run(Module &M, ModuleAnalysisManager &MAM)
@@ -237,6 +335,7 @@ PreservedAnalyses QuarlInstrumentPass::run(Module &M, ModuleAnalysisManager &MAM
     Instrumenter Inst(AtomicCounters || envFlag("QUARL_ATOMIC_COUNTERS"));
     FunctionAnalysisManager &FAM = MAM.getResult<FunctionAnalysisManagerModuleProxy>(M).getManager();
     CalleeFacts Facts = CalleeFacts::of(M, FAM);
+    std::vector<Function *> Targets = callTargets(M);
     std::vector<Instrumenter::Record> Records;
     for (Function *F : handledFunctions(M)) {
         Instrumenter::Record R;
@@ -246,7 +345,7 @@ PreservedAnalyses QuarlInstrumentPass::run(Module &M, ModuleAnalysisManager &MAM
     }
     if (Records.empty())
         return PreservedAnalyses::all();
-    Inst.registerTable(M, Records);
+    Inst.registerTable(M, Records, Targets);
     return PreservedAnalyses::none();
 }
 

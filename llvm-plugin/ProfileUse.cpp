@@ -4,7 +4,9 @@
 // flags) does the record apply. Quarl derives every edge's count from the
 // stored words and counters; they become the function's entry count and the
 // branch weights of its terminators, and the whole profile's block counts
-// become the module's profile summary.
+// become the module's profile summary. The values seen at indirect calls and
+// at memory operations of unknown length become value-profile metadata, for
+// LLVM's indirect-call promotion and memory-operation specialisation.
 #include <algorithm>
 #include <memory>
 
@@ -49,6 +51,8 @@ struct FunctionCounts {
     Function *F = nullptr;
     uint64_t Entry = 0, MaxCount = 0;
     DenseMap<std::pair<const BasicBlock *, const BasicBlock *>, uint64_t> BranchCount;
+    const QuarlProfileFunction *Record = nullptr;
+    std::vector<ValueSite> Sites;
 };
 
 // The summary LLVM's profiles carry, over every function of the profile:
@@ -114,6 +118,8 @@ bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysi
         Out.MaxCount = std::max(Out.MaxCount, Edge.count);
     }
     Out.F = &F;
+    Out.Record = &Record;
+    Out.Sites = valueSites(F);
     Out.Entry = CountOf.lookup({PseudoEntry, 2});
     for (const PlannedEdge &Edge : Plan.Edges)
         if (Edge.Kind == EdgeKind::Branch)
@@ -163,6 +169,68 @@ void dropExpectHints(Function &F)
     }
 }
 
+// Every function of the module by the hash of its key, as call-target
+// values name them.
+DenseMap<uint64_t, Function *> functionsByKeyHash(Module &M)
+{
+    DenseMap<uint64_t, Function *> ByHash;
+    for (Function &F : M)
+        if (!F.isIntrinsic())
+            ByHash[quarl_profile_key_hash(profileKey(F).c_str())] = &F;
+    return ByHash;
+}
+
+bool sameSites(const QuarlProfileFunction &Record, const std::vector<ValueSite> &Sites)
+{
+    if (Record.num_sites != Sites.size())
+        return false;
+    for (uint32_t I = 0; I < Record.num_sites; ++I)
+        if (Record.sites[I].kind != Sites[I].Kind)
+            return false;
+    return true;
+}
+
+// Value-profile metadata as LLVM's own profiles carry it: callees by the
+// hash of their PGO names, the most frequent first, as many as its
+// promotion passes look at. A callee that is not in this module cannot be
+// promoted to and is left in the total only.
+void setValueProfiles(const FunctionCounts &Counts, const DenseMap<uint64_t, Function *> &ByKeyHash)
+{
+    const QuarlProfileFunction &Record = *Counts.Record;
+    if (Record.num_sites == 0)
+        return; // a profile of the first version: no values recorded
+    if (!sameSites(Record, Counts.Sites)) {
+        warn(*Counts.F, "the profile's value sites differ from the code; its calls and memory operations "
+                        "are compiled without value profiles");
+        return;
+    }
+    const uint32_t MaxCallTargets = 3, MaxSizes = 4;
+    Module &M = *Counts.F->getParent();
+    for (uint32_t I = 0; I < Record.num_sites; ++I) {
+        const QuarlProfileSite &Site = Record.sites[I];
+        SmallVector<InstrProfValueData, 8> Values;
+        for (uint32_t V = 0; V < Site.num_values; ++V) {
+            uint64_t Value = Site.values[V].value;
+            if (Site.kind == QUARL_VALUE_CALL_TARGET) {
+                Function *Callee = ByKeyHash.lookup(Value);
+                if (!Callee)
+                    continue;
+                Value = IndexedInstrProf::ComputeHash(getPGOFuncName(*Callee));
+            }
+            if (Site.values[V].count != 0)
+                Values.push_back({Value, Site.values[V].count});
+        }
+        if (Values.empty())
+            continue;
+        llvm::stable_sort(Values, [](const InstrProfValueData &A, const InstrProfValueData &B) {
+            return A.Count > B.Count;
+        });
+        bool IsCall = Site.kind == QUARL_VALUE_CALL_TARGET;
+        annotateValueSite(M, *Counts.Sites[I].Site, Values, Site.total,
+                          IsCall ? IPVK_IndirectCallTarget : IPVK_MemOPSize, IsCall ? MaxCallTargets : MaxSizes);
+    }
+}
+
 } // namespace
 
 PreservedAnalyses QuarlProfileUsePass::run(Module &M, ModuleAnalysisManager &MAM)
@@ -200,11 +268,13 @@ PreservedAnalyses QuarlProfileUsePass::run(Module &M, ModuleAnalysisManager &MAM
     M.setProfileSummary(summarise(*Profile)->getMD(M.getContext()), ProfileSummary::PSK_Instr);
 
     ProfileSummaryInfo PSI(M);
+    DenseMap<uint64_t, Function *> ByKeyHash = functionsByKeyHash(M);
     for (FunctionCounts &Counts : Annotated) {
         Function &F = *Counts.F;
         F.setEntryCount(Function::ProfileCount(Counts.Entry, Function::PCT_Real));
         if (Counts.MaxCount != 0) {
             setBranchWeights(Counts);
+            setValueProfiles(Counts, ByKeyHash);
             dropExpectHints(F);
         }
         // Hot and cold functions as LLVM's profiles mark them; a user's

@@ -10,6 +10,8 @@
 #include "llvm/Analysis/BlockFrequencyInfo.h"
 #include "llvm/Analysis/BranchProbabilityInfo.h"
 #include "llvm/IR/DiagnosticInfo.h"
+#include "llvm/IR/InstIterator.h"
+#include "llvm/IR/IntrinsicInst.h"
 #include "llvm/IR/Module.h"
 #include "llvm/Passes/PassBuilder.h"
 #include "llvm/Passes/PassPlugin.h"
@@ -17,11 +19,13 @@
 #include "llvm/Transforms/IPO/GlobalDCE.h"
 #include "llvm/Transforms/IPO/Inliner.h"
 #include "llvm/Transforms/InstCombine/InstCombine.h"
+#include "llvm/Transforms/Instrumentation/PGOInstrumentation.h"
 #include "llvm/Transforms/Scalar/EarlyCSE.h"
 #include "llvm/Transforms/Scalar/SROA.h"
 #include "llvm/Transforms/Scalar/SimplifyCFG.h"
 
 #include "QuarlPasses.h"
+#include "quarl_profile.h"
 
 using namespace llvm;
 
@@ -60,6 +64,18 @@ std::string profileKey(const Function &F)
     if (F.hasLocalLinkage())
         return F.getParent()->getSourceFileName() + ":" + F.getName().str();
     return F.getName().str();
+}
+
+std::vector<ValueSite> valueSites(Function &F)
+{
+    std::vector<ValueSite> Sites;
+    for (Instruction &I : instructions(F)) {
+        if (auto *Call = dyn_cast<CallBase>(&I); Call && Call->isIndirectCall())
+            Sites.push_back({&I, QUARL_VALUE_CALL_TARGET});
+        else if (auto *Memop = dyn_cast<MemIntrinsic>(&I); Memop && !isa<ConstantInt>(Memop->getLength()))
+            Sites.push_back({&I, QUARL_VALUE_MEMOP_SIZE});
+    }
+    return Sites;
 }
 
 RoutineGraph planFunction(Function &F, FunctionAnalysisManager &FAM, const CalleeFacts &Facts)
@@ -138,10 +154,20 @@ void addQuarlPass(ModulePassManager &MPM, OptimizationLevel Level)
     if (Level != OptimizationLevel::O0)
         addSimplification(MPM, Level);
     std::string Profile = profileToUse();
-    if (Profile.empty())
+    if (Profile.empty()) {
         MPM.addPass(quarl_llvm::QuarlInstrumentPass());
-    else
-        MPM.addPass(quarl_llvm::QuarlProfileUsePass(Profile));
+        return;
+    }
+    MPM.addPass(quarl_llvm::QuarlProfileUsePass(Profile));
+    if (Level == OptimizationLevel::O0)
+        return;
+    // What LLVM does with its own value profiles, right after reading them:
+    // hot callees of indirect calls called directly behind a check, and,
+    // unless optimising for size, memory operations specialised for their
+    // frequent lengths.
+    MPM.addPass(PGOIndirectCallPromotion());
+    if (!Level.isOptimizingForSize())
+        MPM.addPass(createModuleToFunctionPassAdaptor(PGOMemOPSizeOpt()));
 }
 
 } // namespace

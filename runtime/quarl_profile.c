@@ -44,11 +44,19 @@ static int take_u64(Reader *reader, uint64_t *value)
     return 1;
 }
 
+static void release_sites(QuarlProfileSite *sites, uint32_t num_sites)
+{
+    for (uint32_t i = 0; sites != NULL && i < num_sites; ++i)
+        free(sites[i].values);
+    free(sites);
+}
+
 static void release_function(QuarlProfileFunction *function)
 {
     free(function->key);
     free(function->words);
     free(function->counters);
+    release_sites(function->sites, function->num_sites);
 }
 
 void quarl_profile_release(QuarlProfile *profile)
@@ -88,7 +96,39 @@ static int append(QuarlProfile *profile, const QuarlProfileFunction *function)
 
 /* One record; the arrays are sized only after the bytes for them are known
  * to be there. */
-static const char *parse_function(Reader *reader, QuarlProfileFunction *f)
+static const char *parse_sites(Reader *reader, QuarlProfileFunction *f)
+{
+    const size_t site_header_bytes = 16, value_bytes = 16;
+    if (!take_u32(reader, &f->num_sites))
+        return "truncated in the value sites of function %u";
+    if ((uint64_t)f->num_sites * site_header_bytes > reader->size - reader->at)
+        return "truncated in the value sites of function %u";
+    f->sites = calloc((size_t)f->num_sites + 1, sizeof *f->sites);
+    if (f->sites == NULL)
+        return "out of memory at function %u";
+    for (uint32_t i = 0; i < f->num_sites; ++i) {
+        QuarlProfileSite *site = &f->sites[i];
+        if (!take_u32(reader, &site->kind) || !take_u32(reader, &site->num_values) ||
+            !take_u64(reader, &site->total))
+            return "truncated in the value sites of function %u";
+        if (site->kind >= QUARL_VALUE_KINDS)
+            return "function %u has a value site of unknown kind";
+        if (site->num_values > QUARL_PROFILE_MAX_SITE_VALUES)
+            return "function %u has a value site with too many values";
+        if ((uint64_t)site->num_values * value_bytes > reader->size - reader->at)
+            return "truncated in the value sites of function %u";
+        site->values = malloc((size_t)site->num_values * sizeof *site->values + 1);
+        if (site->values == NULL)
+            return "out of memory at function %u";
+        for (uint32_t v = 0; v < site->num_values; ++v) {
+            take_u64(reader, &site->values[v].value);
+            take_u64(reader, &site->values[v].count);
+        }
+    }
+    return NULL;
+}
+
+static const char *parse_function(Reader *reader, uint32_t version, QuarlProfileFunction *f)
 {
     uint32_t key_bytes;
     memset(f, 0, sizeof *f);
@@ -132,7 +172,7 @@ static const char *parse_function(Reader *reader, QuarlProfileFunction *f)
         take_u32(reader, &f->words[i]);
     for (uint32_t i = 0; i < f->num_counters; ++i)
         take_u64(reader, &f->counters[i]);
-    return NULL;
+    return version >= 2 ? parse_sites(reader, f) : NULL;
 }
 
 int quarl_profile_parse(const uint8_t *bytes, size_t size, QuarlProfile *profile, char *error,
@@ -147,12 +187,12 @@ int quarl_profile_parse(const uint8_t *bytes, size_t size, QuarlProfile *profile
         return fail(error, error_size, profile, "not a Quarl profile (no QUARLPRF header)", 0);
     if (!take_u32(&reader, &version) || !take_u32(&reader, &count))
         return fail(error, error_size, profile, "truncated in the file header", 0);
-    if (version != QUARL_PROFILE_VERSION)
-        return fail(error, error_size, profile, "profile version %u is not supported (this reads version 1)",
-                    version);
+    if (version != 1 && version != QUARL_PROFILE_VERSION)
+        return fail(error, error_size, profile,
+                    "profile version %u is not supported (this reads versions 1 and 2)", version);
     for (uint32_t i = 0; i < count; ++i) {
         QuarlProfileFunction function;
-        const char *problem = parse_function(&reader, &function);
+        const char *problem = parse_function(&reader, version, &function);
         if (problem == NULL && !append(profile, &function))
             problem = "out of memory at function %u";
         if (problem != NULL) {
@@ -206,10 +246,32 @@ int quarl_profile_read_file(const char *path, QuarlProfile *profile, char *error
 
 static int same_shape(const QuarlProfileFunction *a, const QuarlProfileFunction *b)
 {
+    if (a->num_sites != b->num_sites)
+        return 0;
+    for (uint32_t i = 0; i < a->num_sites; ++i)
+        if (a->sites[i].kind != b->sites[i].kind)
+            return 0;
     return a->checksum == b->checksum && a->flags == b->flags && a->num_blocks == b->num_blocks &&
            a->num_nodes == b->num_nodes && a->num_words == b->num_words &&
            a->num_counters == b->num_counters &&
            memcmp(a->words, b->words, (size_t)a->num_words * 4) == 0;
+}
+
+static int copy_sites(QuarlProfileFunction *copy, const QuarlProfileFunction *f)
+{
+    copy->sites = calloc((size_t)f->num_sites + 1, sizeof *copy->sites);
+    if (copy->sites == NULL)
+        return 0;
+    for (uint32_t i = 0; i < f->num_sites; ++i) {
+        size_t bytes = (size_t)f->sites[i].num_values * sizeof(QuarlProfileValue);
+        copy->sites[i] = f->sites[i];
+        copy->sites[i].values = malloc(bytes + 1);
+        if (copy->sites[i].values == NULL)
+            return 0;
+        if (bytes != 0)
+            memcpy(copy->sites[i].values, f->sites[i].values, bytes);
+    }
+    return 1;
 }
 
 static int copy_function(QuarlProfileFunction *copy, const QuarlProfileFunction *f)
@@ -219,7 +281,8 @@ static int copy_function(QuarlProfileFunction *copy, const QuarlProfileFunction 
     copy->key = malloc(key_bytes);
     copy->words = malloc((size_t)f->num_words * 4 + 1);
     copy->counters = malloc((size_t)f->num_counters * 8 + 1);
-    if (copy->key == NULL || copy->words == NULL || copy->counters == NULL) {
+    copy->sites = NULL;
+    if (copy->key == NULL || copy->words == NULL || copy->counters == NULL || !copy_sites(copy, f)) {
         release_function(copy);
         return 0;
     }
@@ -229,17 +292,76 @@ static int copy_function(QuarlProfileFunction *copy, const QuarlProfileFunction 
     return 1;
 }
 
+static int more_frequent_first(const void *a, const void *b)
+{
+    const QuarlProfileValue *x = a, *y = b;
+    if (x->count != y->count)
+        return x->count > y->count ? -1 : 1;
+    return x->value < y->value ? -1 : x->value > y->value;
+}
+
+/* The values of two runs of one site: counts of equal values summed, the
+ * most frequent kept. NULL when memory runs out. */
+static QuarlProfileValue *merged_values(const QuarlProfileSite *a, const QuarlProfileSite *b,
+                                        uint32_t *num_values)
+{
+    QuarlProfileValue *values = malloc(((size_t)a->num_values + b->num_values) * sizeof *values + 1);
+    if (values == NULL)
+        return NULL;
+    uint32_t count = a->num_values;
+    if (count != 0)
+        memcpy(values, a->values, (size_t)count * sizeof *values);
+    for (uint32_t i = 0; i < b->num_values; ++i) {
+        uint32_t at = 0;
+        while (at < count && values[at].value != b->values[i].value)
+            ++at;
+        if (at == count)
+            values[count++] = (QuarlProfileValue){b->values[i].value, 0};
+        values[at].count += b->values[i].count;
+    }
+    qsort(values, count, sizeof *values, more_frequent_first);
+    *num_values = count < QUARL_PROFILE_MAX_SITE_VALUES ? count : QUARL_PROFILE_MAX_SITE_VALUES;
+    return values;
+}
+
+/* Sums the function's counts into a record of the same shape; the merged
+ * sites are all made before anything changes. */
+static int add_into(QuarlProfileFunction *existing, const QuarlProfileFunction *function)
+{
+    QuarlProfileValue **values = calloc((size_t)existing->num_sites + 1, sizeof *values);
+    uint32_t *num_values = calloc((size_t)existing->num_sites + 1, sizeof *num_values);
+    int ok = values != NULL && num_values != NULL;
+    for (uint32_t i = 0; ok && i < existing->num_sites; ++i) {
+        values[i] = merged_values(&existing->sites[i], &function->sites[i], &num_values[i]);
+        ok = values[i] != NULL;
+    }
+    if (ok) {
+        for (uint32_t c = 0; c < function->num_counters; ++c)
+            existing->counters[c] += function->counters[c];
+        for (uint32_t i = 0; i < existing->num_sites; ++i) {
+            QuarlProfileSite *site = &existing->sites[i];
+            free(site->values);
+            site->values = values[i];
+            site->num_values = num_values[i];
+            site->total += function->sites[i].total;
+        }
+    } else {
+        for (uint32_t i = 0; values != NULL && i < existing->num_sites; ++i)
+            free(values[i]);
+    }
+    free(values);
+    free(num_values);
+    return ok;
+}
+
 int quarl_profile_add(QuarlProfile *profile, const QuarlProfileFunction *function)
 {
     for (uint32_t i = 0; i < profile->count; ++i) {
         QuarlProfileFunction *existing = &profile->functions[i];
         if (strcmp(existing->key, function->key) != 0)
             continue;
-        if (same_shape(existing, function)) {
-            for (uint32_t c = 0; c < function->num_counters; ++c)
-                existing->counters[c] += function->counters[c];
-            return 1;
-        }
+        if (same_shape(existing, function))
+            return add_into(existing, function);
         QuarlProfileFunction copy;
         if (!copy_function(&copy, function))
             return 0;
@@ -285,17 +407,37 @@ int quarl_profile_write(FILE *out, const QuarlProfile *profile)
             ok = put_u32(out, f->words[w]);
         for (uint32_t c = 0; ok && c < f->num_counters; ++c)
             ok = put_u64(out, f->counters[c]);
+        ok = ok && put_u32(out, f->num_sites);
+        for (uint32_t i = 0; ok && i < f->num_sites; ++i) {
+            const QuarlProfileSite *site = &f->sites[i];
+            ok = put_u32(out, site->kind) && put_u32(out, site->num_values) && put_u64(out, site->total);
+            for (uint32_t v = 0; ok && v < site->num_values; ++v)
+                ok = put_u64(out, site->values[v].value) && put_u64(out, site->values[v].count);
+        }
     }
     return ok && fflush(out) == 0;
 }
 
+#define FNV_OFFSET_BASIS 0xcbf29ce484222325ull
+#define FNV_PRIME 0x100000001b3ull
+
 uint64_t quarl_profile_checksum(const uint32_t *words, uint32_t num_words)
 {
-    uint64_t hash = 0xcbf29ce484222325ull;
+    uint64_t hash = FNV_OFFSET_BASIS;
     for (uint32_t i = 0; i < num_words; ++i)
         for (int shift = 0; shift < 32; shift += 8) {
             hash ^= (uint8_t)(words[i] >> shift);
-            hash *= 0x100000001b3ull;
+            hash *= FNV_PRIME;
         }
+    return hash;
+}
+
+uint64_t quarl_profile_key_hash(const char *key)
+{
+    uint64_t hash = FNV_OFFSET_BASIS;
+    for (const char *c = key; *c != '\0'; ++c) {
+        hash ^= (uint8_t)*c;
+        hash *= FNV_PRIME;
+    }
     return hash;
 }

@@ -16,11 +16,32 @@ extern "C" {
 #endif
 
 #define QUARL_PROFILE_MAGIC "QUARLPRF"
-#define QUARL_PROFILE_VERSION 1u
+#define QUARL_PROFILE_VERSION 2u /* version 1 files, without value sites, are read too */
 
 /* Record flag: the counters are the entry counts of the real blocks, one
  * each, instead of Quarl's counters (the plugin's naive counting mode). */
 #define QUARL_PROFILE_DIRECT_COUNTS 1u
+
+/* What a value site records. */
+#define QUARL_VALUE_CALL_TARGET 0u /* an indirect call's callee: quarl_profile_key_hash() of its key */
+#define QUARL_VALUE_MEMOP_SIZE 1u  /* a memcpy, memmove or memset's length in bytes */
+#define QUARL_VALUE_KINDS 2u
+
+/* Values kept per site in a file; merging keeps the most frequent. */
+#define QUARL_PROFILE_MAX_SITE_VALUES 16u
+
+typedef struct QuarlProfileValue {
+    uint64_t value;
+    uint64_t count;
+} QuarlProfileValue;
+
+/* One value site of a function, in the order of its instructions. */
+typedef struct QuarlProfileSite {
+    uint32_t kind;       /* QUARL_VALUE_CALL_TARGET or QUARL_VALUE_MEMOP_SIZE */
+    uint32_t num_values; /* at most QUARL_PROFILE_MAX_SITE_VALUES */
+    uint64_t total;      /* executions of the site, those of values not kept included */
+    QuarlProfileValue *values; /* owned */
+} QuarlProfileSite;
 
 /* One function's record. */
 typedef struct QuarlProfileFunction {
@@ -33,6 +54,8 @@ typedef struct QuarlProfileFunction {
     uint32_t num_counters;
     uint32_t *words;    /* the encoded graph; owned */
     uint64_t *counters; /* owned */
+    uint32_t num_sites;
+    QuarlProfileSite *sites; /* owned */
 } QuarlProfileFunction;
 
 typedef struct QuarlProfile {
@@ -55,7 +78,9 @@ int quarl_profile_read_file(const char *path, QuarlProfile *profile, char *error
                             size_t error_size);
 
 /* Adds one function's counts: to the record with the same key, checksum and
- * shape, whose counters are summed (modulo 2^64); a record of that key with
+ * shape (value sites of the same kinds included), whose counters are summed
+ * (modulo 2^64) and whose sites' values are merged, keeping the most
+ * frequent QUARL_PROFILE_MAX_SITE_VALUES of each; a record of that key with
  * another checksum or shape was made from other code and is replaced;
  * otherwise the function is appended. The function's arrays are copied.
  * Returns 0 when memory runs out (the profile is unchanged). */
@@ -69,6 +94,9 @@ void quarl_profile_release(QuarlProfile *profile);
 /* 64-bit FNV-1a of the words' little-endian bytes: the checksum that ties
  * a record to the code it was made from. */
 uint64_t quarl_profile_checksum(const uint32_t *words, uint32_t num_words);
+
+/* 64-bit FNV-1a of a key's bytes: how call-target values name functions. */
+uint64_t quarl_profile_key_hash(const char *key);
 
 #ifdef __cplusplus
 }

@@ -23,8 +23,46 @@ static pthread_mutex_t g_lock = PTHREAD_MUTEX_INITIALIZER;
 static void zero_counters(void)
 {
     for (QuarlRtModule *m = g_modules; m != NULL; m = m->next)
-        for (uint32_t f = 0; f < m->num_functions; ++f)
+        for (uint32_t f = 0; f < m->num_functions; ++f) {
             memset(m->functions[f].counters, 0, (size_t)m->functions[f].num_counters * 8);
+            for (uint32_t i = 0; i < m->functions[f].num_sites; ++i) {
+                QuarlRtValueSite *site = &m->functions[f].sites[i];
+                site->total = 0;
+                memset(site->values, 0, sizeof site->values);
+                memset(site->counts, 0, sizeof site->counts);
+            }
+        }
+}
+
+/* Lock-free, as counter updates are: a free slot is claimed with a compare
+ * and swap, so two threads never count one value in two slots. */
+static void record_value(QuarlRtValueSite *site, uint64_t value)
+{
+    uint64_t stored = value + 1;
+    __atomic_fetch_add(&site->total, 1, __ATOMIC_RELAXED);
+    for (int i = 0; stored != 0 && i < QUARL_RT_SITE_VALUES; ++i) {
+        uint64_t seen = __atomic_load_n(&site->values[i], __ATOMIC_RELAXED);
+        if (seen == 0 && __atomic_compare_exchange_n(&site->values[i], &seen, stored, 0, __ATOMIC_RELAXED,
+                                                     __ATOMIC_RELAXED))
+            seen = stored;
+        if (seen == stored) {
+            __atomic_fetch_add(&site->counts[i], 1, __ATOMIC_RELAXED);
+            return;
+        }
+    }
+}
+
+void __quarl_record_target(QuarlRtValueSite *site, const void *callee)
+{
+    record_value(site, (uint64_t)(uintptr_t)callee);
+}
+
+void __quarl_record_size(QuarlRtValueSite *site, uint64_t size)
+{
+    if (size <= 8 || (size & (size - 1)) == 0)
+        record_value(site, size);
+    else
+        __atomic_fetch_add(&site->total, 1, __ATOMIC_RELAXED);
 }
 
 /* A forked child starts with its parent's counts; it writes only its own. */
@@ -71,18 +109,82 @@ static int profile_path(char *path, size_t size)
     return 1;
 }
 
+static int by_address(const void *a, const void *b)
+{
+    uintptr_t x = (uintptr_t)((const QuarlRtTarget *)a)->address;
+    uintptr_t y = (uintptr_t)((const QuarlRtTarget *)b)->address;
+    return x < y ? -1 : x > y;
+}
+
+/* Every module's call targets, sorted by address. */
+static QuarlRtTarget *all_targets(size_t *count)
+{
+    size_t n = 0;
+    for (QuarlRtModule *m = g_modules; m != NULL; m = m->next)
+        n += m->num_targets;
+    QuarlRtTarget *targets = malloc(n * sizeof *targets + 1);
+    if (targets == NULL)
+        return NULL;
+    n = 0;
+    for (QuarlRtModule *m = g_modules; m != NULL; m = m->next) {
+        if (m->num_targets != 0)
+            memcpy(targets + n, m->targets, m->num_targets * sizeof *targets);
+        n += m->num_targets;
+    }
+    qsort(targets, n, sizeof *targets, by_address);
+    *count = n;
+    return targets;
+}
+
+/* A site's values as the profile keeps them: callees named by their keys'
+ * hashes (a callee outside the instrumented modules counts in the total
+ * only), sizes as they are. */
+static void site_values(const QuarlRtValueSite *rt, QuarlProfileSite *site, QuarlProfileValue *values,
+                        const QuarlRtTarget *targets, size_t num_targets)
+{
+    site->kind = rt->kind;
+    site->total = rt->total;
+    site->num_values = 0;
+    site->values = values;
+    for (int i = 0; i < QUARL_RT_SITE_VALUES; ++i) {
+        if (rt->values[i] == 0 || rt->counts[i] == 0)
+            continue;
+        uint64_t value = rt->values[i] - 1;
+        if (rt->kind == QUARL_VALUE_CALL_TARGET) {
+            QuarlRtTarget wanted = {(const void *)(uintptr_t)value, 0};
+            const QuarlRtTarget *found = bsearch(&wanted, targets, num_targets, sizeof *targets, by_address);
+            if (found == NULL)
+                continue;
+            value = found->key_hash;
+        }
+        values[site->num_values++] = (QuarlProfileValue){value, rt->counts[i]};
+    }
+}
+
 static int add_counts(QuarlProfile *profile)
 {
-    for (QuarlRtModule *m = g_modules; m != NULL; m = m->next)
-        for (uint32_t f = 0; f < m->num_functions; ++f) {
+    size_t num_targets = 0;
+    QuarlRtTarget *targets = all_targets(&num_targets);
+    int ok = targets != NULL;
+    for (QuarlRtModule *m = g_modules; ok && m != NULL; m = m->next)
+        for (uint32_t f = 0; ok && f < m->num_functions; ++f) {
             const QuarlRtFunction *rt = &m->functions[f];
+            QuarlProfileSite *sites = malloc((size_t)rt->num_sites * sizeof *sites + 1);
+            QuarlProfileValue *values =
+                malloc((size_t)rt->num_sites * QUARL_RT_SITE_VALUES * sizeof *values + 1);
+            ok = sites != NULL && values != NULL;
+            for (uint32_t i = 0; ok && i < rt->num_sites; ++i)
+                site_values(&rt->sites[i], &sites[i], values + (size_t)i * QUARL_RT_SITE_VALUES, targets,
+                            num_targets);
             QuarlProfileFunction function = {(char *)rt->key, rt->checksum, rt->flags, rt->num_blocks,
                                              rt->num_nodes, rt->num_words, rt->num_counters,
-                                             (uint32_t *)rt->words, rt->counters};
-            if (!quarl_profile_add(profile, &function))
-                return 0;
+                                             (uint32_t *)rt->words, rt->counters, rt->num_sites, sites};
+            ok = ok && quarl_profile_add(profile, &function);
+            free(sites);
+            free(values);
         }
-    return 1;
+    free(targets);
+    return ok;
 }
 
 /* Under the lock: the old profile (if any and readable) plus our counts, to

@@ -23,7 +23,29 @@ int quarl_profile_dump(void);
 
 /* ---- The interface between the plugin's code and the runtime ----------- */
 
-#define QUARL_RT_VERSION 1u
+#define QUARL_RT_VERSION 2u
+
+/* Values a site tells apart while the program runs. */
+#define QUARL_RT_SITE_VALUES 8
+
+/* One value site: an indirect call or a memory operation of unknown length,
+ * the kinds of quarl_profile.h. A slot holds value + 1, 0 while free; the
+ * first QUARL_RT_SITE_VALUES distinct values take the slots, later ones
+ * count in the total only. */
+typedef struct QuarlRtValueSite {
+    uint32_t kind;
+    uint32_t unused;
+    uint64_t total;
+    uint64_t values[QUARL_RT_SITE_VALUES];
+    uint64_t counts[QUARL_RT_SITE_VALUES];
+} QuarlRtValueSite;
+
+/* A function of the module whose address is taken, so that a call-target
+ * value can name it. */
+typedef struct QuarlRtTarget {
+    const void *address;
+    uint64_t key_hash; /* quarl_profile_key_hash() of its key */
+} QuarlRtTarget;
 
 /* One instrumented function, as the plugin lays it out. */
 typedef struct QuarlRtFunction {
@@ -36,6 +58,8 @@ typedef struct QuarlRtFunction {
     uint32_t num_counters;
     const uint32_t *words;
     uint64_t *counters;
+    uint32_t num_sites;
+    QuarlRtValueSite *sites;
 } QuarlRtFunction;
 
 typedef struct QuarlRtModule {
@@ -43,10 +67,19 @@ typedef struct QuarlRtModule {
     uint32_t num_functions;
     const QuarlRtFunction *functions;
     struct QuarlRtModule *next; /* the runtime's list */
+    uint32_t num_targets;
+    const QuarlRtTarget *targets;
 } QuarlRtModule;
 
 /* Called from each instrumented module's constructor. */
 void __quarl_register_module(QuarlRtModule *module);
+
+/* Called before each value site runs: the callee's address, or the length
+ * of a memory operation. Only the lengths the optimiser can specialise for
+ * (0 to 8 and powers of two) are told apart; the others count in the
+ * site's total only. */
+void __quarl_record_target(QuarlRtValueSite *site, const void *callee);
+void __quarl_record_size(QuarlRtValueSite *site, uint64_t size);
 
 #ifdef __cplusplus
 }
