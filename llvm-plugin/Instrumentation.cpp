@@ -178,6 +178,15 @@ void Instrumenter::increment(Instruction *Before, GlobalVariable *Counters, uint
     B.CreateStore(B.CreateAdd(Count, B.getInt64(1)), Slot, /*isVolatile=*/true);
 }
 
+// The length of a memory operation: memcpy, memmove and memset's, or
+// memcmp and bcmp's third argument.
+Value *lengthOf(CallBase &Memop)
+{
+    if (auto *Intrinsic = dyn_cast<MemIntrinsic>(&Memop))
+        return Intrinsic->getLength();
+    return Memop.getArgOperand(2);
+}
+
 // Each site's value goes to the runtime just before the site runs.
 void Instrumenter::recordValues(Function &F, const std::vector<ValueSite> &Sites, Record &Out)
 {
@@ -203,7 +212,7 @@ void Instrumenter::recordValues(Function &F, const std::vector<ValueSite> &Sites
         if (Sites[I].Kind == QUARL_VALUE_CALL_TARGET)
             Observed = B.CreatePointerCast(cast<CallBase>(Sites[I].Site)->getCalledOperand(), B.getInt8PtrTy());
         else
-            Observed = B.CreateZExtOrTrunc(cast<MemIntrinsic>(Sites[I].Site)->getLength(), B.getInt64Ty());
+            Observed = B.CreateZExtOrTrunc(lengthOf(*cast<CallBase>(Sites[I].Site)), B.getInt64Ty());
         B.CreateCall(recorder(M, Sites[I].Kind), {Slot, Observed});
     }
 }
@@ -212,7 +221,7 @@ bool Instrumenter::instrument(Function &F, FunctionAnalysisManager &FAM, const C
                               Record &Out)
 {
     // Sites and graph are both taken before any code is added.
-    std::vector<ValueSite> Sites = valueSites(F);
+    std::vector<ValueSite> Sites = valueSites(F, FAM.getResult<TargetLibraryAnalysis>(F));
     RoutineGraph Plan = planFunction(F, FAM, Facts);
     Placement Placed;
     if (!placeCounters(Plan, Placed)) {

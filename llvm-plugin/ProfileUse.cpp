@@ -119,7 +119,7 @@ bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysi
     }
     Out.F = &F;
     Out.Record = &Record;
-    Out.Sites = valueSites(F);
+    Out.Sites = valueSites(F, FAM.getResult<TargetLibraryAnalysis>(F));
     Out.Entry = CountOf.lookup({PseudoEntry, 2});
     for (const PlannedEdge &Edge : Plan.Edges)
         if (Edge.Kind == EdgeKind::Branch)

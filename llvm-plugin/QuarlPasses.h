@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "llvm/Analysis/TargetLibraryInfo.h"
 #include "llvm/IR/PassManager.h"
 
 #include "RoutineGraph.h"
@@ -45,14 +46,14 @@ std::vector<llvm::Function *> handledFunctions(llvm::Module &M);
 std::string profileKey(const llvm::Function &F);
 
 // An instruction whose values the profile records, in instruction order:
-// an indirect call (its callee) or a memcpy, memmove or memset whose length
-// is not a constant (its length). Kind is QUARL_VALUE_CALL_TARGET or
-// QUARL_VALUE_MEMOP_SIZE.
+// an indirect call (its callee) or a memcpy, memmove, memset, memcmp or
+// bcmp whose length is not a constant (its length). Kind is
+// QUARL_VALUE_CALL_TARGET or QUARL_VALUE_MEMOP_SIZE.
 struct ValueSite {
     llvm::Instruction *Site;
     uint32_t Kind;
 };
-std::vector<ValueSite> valueSites(llvm::Function &F);
+std::vector<ValueSite> valueSites(llvm::Function &F, const llvm::TargetLibraryInfo &TLI);
 
 // The function's graph with the static estimate's edge costs.
 RoutineGraph planFunction(llvm::Function &F, llvm::FunctionAnalysisManager &FAM,

@@ -9,6 +9,7 @@
 
 #include "llvm/Analysis/BlockFrequencyInfo.h"
 #include "llvm/Analysis/BranchProbabilityInfo.h"
+#include "llvm/Analysis/TargetLibraryInfo.h"
 #include "llvm/IR/DiagnosticInfo.h"
 #include "llvm/IR/InstIterator.h"
 #include "llvm/IR/IntrinsicInst.h"
@@ -66,13 +67,28 @@ std::string profileKey(const Function &F)
     return F.getName().str();
 }
 
-std::vector<ValueSite> valueSites(Function &F)
+// memcmp and bcmp count as memory operations: LLVM specialises them for
+// frequent lengths as it does memcpy.
+bool isCompareOfUnknownLength(const CallBase &Call, const TargetLibraryInfo &TLI)
+{
+    LibFunc Func;
+    const Function *Callee = Call.getCalledFunction();
+    return Callee && TLI.getLibFunc(*Callee, Func) && (Func == LibFunc_memcmp || Func == LibFunc_bcmp) &&
+           Call.arg_size() == 3 && !isa<ConstantInt>(Call.getArgOperand(2));
+}
+
+std::vector<ValueSite> valueSites(Function &F, const TargetLibraryInfo &TLI)
 {
     std::vector<ValueSite> Sites;
     for (Instruction &I : instructions(F)) {
-        if (auto *Call = dyn_cast<CallBase>(&I); Call && Call->isIndirectCall())
+        auto *Call = dyn_cast<CallBase>(&I);
+        if (!Call)
+            continue;
+        if (Call->isIndirectCall())
             Sites.push_back({&I, QUARL_VALUE_CALL_TARGET});
-        else if (auto *Memop = dyn_cast<MemIntrinsic>(&I); Memop && !isa<ConstantInt>(Memop->getLength()))
+        else if (auto *Memop = dyn_cast<MemIntrinsic>(Call); Memop && !isa<ConstantInt>(Memop->getLength()))
+            Sites.push_back({&I, QUARL_VALUE_MEMOP_SIZE});
+        else if (isCompareOfUnknownLength(*Call, TLI))
             Sites.push_back({&I, QUARL_VALUE_MEMOP_SIZE});
     }
     return Sites;
