@@ -6,6 +6,7 @@
 #include <string.h>
 
 #include <algorithm>
+#include <unordered_map>
 
 #include "quarl_profile.h"
 #include "quarl_profile_counts.h"
@@ -13,7 +14,7 @@
 namespace {
 
 const char profile_help[] =
-    "usage: quarl profile show [--blocks | --edges] [--function NAME] FILE\n"
+    "usage: quarl profile show [--blocks | --edges | --values] [--function NAME] FILE\n"
     "       quarl profile merge -o OUT IN...\n"
     "\n"
     "Profiles are what programs built with the Quarl LLVM plugin write at exit\n"
@@ -30,6 +31,10 @@ const char profile_help[] =
     "               of the graph instead: the counts that profile use derives and\n"
     "               turns into branch weights ('counter I' on counted edges,\n"
     "               'pseudo' on edges from the pseudo entry or to the pseudo exit)\n"
+    "  show --values\n"
+    "               like --blocks, with '  site I call|length total COUNT' for each\n"
+    "               indirect call and memory operation of unknown length, then\n"
+    "               '    VALUE COUNT' for each callee (by key) or length recorded\n"
     "  --function NAME\n"
     "               only the function NAME (its key, its symbol or its\n"
     "               demangled name)\n"
@@ -101,7 +106,32 @@ struct Row {
     std::vector<uint64_t> blocks;
 };
 
-enum class ShowForm { Table, Blocks, Edges };
+enum class ShowForm { Table, Blocks, Edges, Values };
+
+// Callees are recorded by the hash of their keys; a callee with a record of
+// its own in the profile is shown by its key.
+void print_values(const Row &row, const std::unordered_map<uint64_t, std::string> &key_of_hash)
+{
+    for (uint32_t i = 0; i < row.record->num_sites; ++i) {
+        const QuarlProfileSite &site = row.record->sites[i];
+        bool is_call = site.kind == QUARL_VALUE_CALL_TARGET;
+        printf("  site %u %s total %llu\n", i, is_call ? "call" : "length", (unsigned long long)site.total);
+        std::vector<QuarlProfileValue> values(site.values, site.values + site.num_values);
+        std::stable_sort(values.begin(), values.end(),
+                         [](const QuarlProfileValue &a, const QuarlProfileValue &b) { return a.count > b.count; });
+        for (const QuarlProfileValue &recorded : values) {
+            uint64_t value = recorded.value;
+            auto known = key_of_hash.find(value);
+            if (!is_call)
+                printf("    %llu", (unsigned long long)value);
+            else if (known != key_of_hash.end())
+                printf("    %s", known->second.c_str());
+            else
+                printf("    0x%016llx", (unsigned long long)value);
+            printf(" %llu\n", (unsigned long long)recorded.count);
+        }
+    }
+}
 
 void print_edges(const Row &row)
 {
@@ -152,10 +182,15 @@ int show(const std::string &path, ShowForm form, const std::string &function)
     }
     if (form != ShowForm::Table) {
         std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.key < b.key; });
+        std::unordered_map<uint64_t, std::string> key_of_hash;
+        for (uint32_t i = 0; form == ShowForm::Values && i < profile->count; ++i)
+            key_of_hash[quarl_profile_key_hash(profile->functions[i].key)] = profile->functions[i].key;
         for (const Row &row : rows) {
             printf("function %s entry %llu\n", row.key.c_str(), (unsigned long long)row.entry);
             if (form == ShowForm::Edges)
                 print_edges(row);
+            else if (form == ShowForm::Values)
+                print_values(row, key_of_hash);
             else
                 for (size_t b = 0; b < row.blocks.size(); ++b)
                     printf("  block %zu %llu\n", b + 2, (unsigned long long)row.blocks[b]);
@@ -230,10 +265,12 @@ int run_profile(int argc, char **argv)
         std::vector<std::string> files;
         for (size_t i = 0; i < args.size(); ++i) {
             const std::string &arg = args[i];
-            if (arg == "--blocks" || arg == "--edges") {
-                ShowForm wanted = arg == "--blocks" ? ShowForm::Blocks : ShowForm::Edges;
+            if (arg == "--blocks" || arg == "--edges" || arg == "--values") {
+                ShowForm wanted = arg == "--blocks" ? ShowForm::Blocks
+                                  : arg == "--edges" ? ShowForm::Edges
+                                                     : ShowForm::Values;
                 if (form != ShowForm::Table && form != wanted)
-                    return usage("--blocks and --edges exclude each other");
+                    return usage("--blocks, --edges and --values exclude each other");
                 form = wanted;
             } else if (arg == "--function" && i + 1 < args.size()) {
                 function = args[++i];

@@ -155,7 +155,7 @@ quarl_tool_case(profile_function_blocks 0 ARGS profile show --blocks --function 
 quarl_tool_case(profile_function_missing 1 ARGS profile show --function absent golden/sample.quarlprof
     ERR "quarl: golden/sample.quarlprof: no function 'absent'")
 quarl_tool_case(profile_edges_and_blocks 2 ARGS profile show --edges --blocks golden/sample.quarlprof
-    ERR "quarl profile: --blocks and --edges exclude each other\nTry 'quarl profile --help'.")
+    ERR "quarl profile: --blocks, --edges and --values exclude each other\nTry 'quarl profile --help'.")
 # A record claiming more nodes than its words can name is refused before
 # anything is sized by it.
 quarl_tool_case(profile_huge_nodes 1 ARGS profile show golden/huge_nodes.quarlprof
