@@ -129,6 +129,64 @@ units)
     sort got | diff -u expected - >&2 || fail "entry counts differ from the profile's"
     [ "$(grep -c ':helper ' got)" -eq 3 ] || fail "three static helpers expected"
     ;;
+values)
+    # Callees and lengths from four threads: the profile holds each one's
+    # exact count, profile use hands them to LLVM as value profiles, and at
+    # -O2 LLVM promotes the hot callees and specialises the hot lengths.
+    cp "$here/values.c" .
+    export QUARL_ATOMIC_COUNTERS=1 # exact block counts from threads too
+    train -O0 prog values.c
+    expect_values() { # FUNCTION EXPECTED-LINES
+        local got
+        got=$("$QUARL" profile show --values --function "$1" prog.quarlprof)
+        [ "$got" = "$2" ] || fail "values of $1: expected
+$2
+got
+$got"
+    }
+    expect_values apply $'function apply entry 4000\n  site 0 call total 4000\n    values.c:add 3560\n    mul 400\n    values.c:sub 40'
+    expect_values copy $'function copy entry 4000\n  site 0 length total 4000\n    8 2000\n    16 1000'
+    expect_values same $'function same entry 4000\n  site 0 length total 4000\n    4 3992\n    0 8'
+    expect_values clear $'function clear entry 4000\n  site 0 length total 4000\n    4 4000'
+    expect_values rounds 'function values.c:rounds entry 4'
+    # Value-profile metadata: kind, total, then value and count pairs, most
+    # frequent first (callees by hashes of their names, shown as H here).
+    use -O0 prog.quarlprof values.c
+    [ ! -s values.err ] || fail "unexpected warnings: $(cat values.err)"
+    got=$(grep -o '!{!"VP", .*}' values.ll | awk -F', ' '{
+        for (i = 4; $2 == "i32 0" && i <= NF; i += 2) $i = "H"
+        line = $1; for (i = 2; i <= NF; ++i) line = line ", " $i; print line }' | sort)
+    expected='!{!"VP", i32 0, i64 4000, H, i64 3560, H, i64 400, H, i64 40}
+!{!"VP", i32 1, i64 4000, i64 4, i64 3992, i64 0, i64 8}
+!{!"VP", i32 1, i64 4000, i64 4, i64 4000}
+!{!"VP", i32 1, i64 4000, i64 8, i64 2000, i64 16, i64 1000}'
+    [ "$got" = "$expected" ] || fail "value profiles: expected
+$expected
+got
+$got"
+    # -O2: add and mul called directly behind a check of the callee (sub
+    # is too rare), copy specialised for 8 and 16 bytes, same for 4.
+    train -O2 prog2 values.c
+    use -O2 prog2.quarlprof values.c
+    [ ! -s values.err ] || fail "unexpected warnings at -O2: $(cat values.err)"
+    body() { awk -v name="$1" '$0 ~ "^define .*@" name "\\(" { inside = 1 } inside { print } inside && /^}/ { exit }' values.ll; }
+    for callee in add mul; do
+        body apply | grep -qE "icmp eq i32 \(i32, i32\)\* %[0-9]+, @$callee\b" || fail "-O2: apply does not check for $callee"
+    done
+    ! body apply | grep -q '@sub' || fail "-O2: the rare callee sub was promoted"
+    for length in 8 16; do
+        body copy | grep -qE "^ +i64 $length, label" || fail "-O2: copy is not specialised for $length bytes"
+    done
+    body same | grep -qE '(memcmp|bcmp)\(.*, i64 4\)' || fail "-O2: same is not specialised for 4 bytes"
+    # An edit that leaves the graph but not the value sites: one warning,
+    # the function keeps its counts.
+    sed -i 's/memset(to, 0, n);/memset(to, 0, 8);/' values.c
+    use -O0 prog.quarlprof values.c
+    grep -q "quarl: clear: the profile's value sites differ from the code" values.err ||
+        fail "no warning for clear: $(cat values.err)"
+    [ "$(grep -c warning: values.err)" -eq 1 ] || fail "one warning expected: $(cat values.err)"
+    [ "$(profile_of clear values.ll | head -1)" = "entry 4000" ] || fail "clear lost its entry count"
+    ;;
 *) echo "unknown case $case_name" >&2; exit 2 ;;
 esac
 echo "$case_name: profile use agrees"
