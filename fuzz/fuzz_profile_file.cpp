@@ -27,9 +27,22 @@ std::vector<uint8_t> written(const QuarlProfile &profile)
     return copy;
 }
 
+bool same_sites(const QuarlProfileFunction &a, const QuarlProfileFunction &b)
+{
+    if (a.num_sites != b.num_sites)
+        return false;
+    for (uint32_t i = 0; i < a.num_sites; ++i) {
+        const QuarlProfileSite &x = a.sites[i], &y = b.sites[i];
+        if (x.kind != y.kind || x.total != y.total || x.num_values != y.num_values ||
+            memcmp(x.values, y.values, size_t(x.num_values) * sizeof *x.values) != 0)
+            return false;
+    }
+    return true;
+}
+
 bool same_record(const QuarlProfileFunction &a, const QuarlProfileFunction &b)
 {
-    return strcmp(a.key, b.key) == 0 && a.checksum == b.checksum && a.flags == b.flags &&
+    return same_sites(a, b) && strcmp(a.key, b.key) == 0 && a.checksum == b.checksum && a.flags == b.flags &&
            a.num_blocks == b.num_blocks && a.num_nodes == b.num_nodes &&
            a.num_words == b.num_words && a.num_counters == b.num_counters &&
            memcmp(a.words, b.words, size_t(a.num_words) * 4) == 0 &&
