@@ -198,7 +198,8 @@ void Instrumenter::recordValues(Function &F, const std::vector<ValueSite> &Sites
     std::vector<Constant *> Initial;
     for (const ValueSite &Site : Sites)
         Initial.push_back(ConstantStruct::get(
-            SiteTy, {ConstantInt::get(Type::getInt32Ty(Ctx), Site.Kind), ConstantInt::get(Type::getInt32Ty(Ctx), 0),
+            SiteTy, {ConstantInt::get(Type::getInt32Ty(Ctx), Site.Kind),
+                     ConstantInt::get(Type::getInt32Ty(Ctx), Atomic ? QUARL_RT_SITE_ATOMIC : 0),
                      ConstantInt::get(Type::getInt64Ty(Ctx), 0), ConstantAggregateZero::get(SiteTy->getElementType(3)),
                      ConstantAggregateZero::get(SiteTy->getElementType(4))}));
     auto *ArrayTy = ArrayType::get(SiteTy, Sites.size());

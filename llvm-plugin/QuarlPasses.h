@@ -22,7 +22,8 @@ public:
     llvm::PreservedAnalyses run(llvm::Module &M, llvm::ModuleAnalysisManager &MAM);
 };
 
-// Entry counts, branch weights and the profile summary from a profile file.
+// Entry counts, branch weights, value profiles and the profile summary from
+// a profile file.
 class QuarlProfileUsePass : public llvm::PassInfoMixin<QuarlProfileUsePass> {
 public:
     explicit QuarlProfileUsePass(std::string Path) : Path(std::move(Path)) {}

@@ -27,29 +27,37 @@ static void zero_counters(void)
             memset(m->functions[f].counters, 0, (size_t)m->functions[f].num_counters * 8);
             for (uint32_t i = 0; i < m->functions[f].num_sites; ++i) {
                 QuarlRtValueSite *site = &m->functions[f].sites[i];
-                site->total = 0;
+                site->other = 0;
                 memset(site->values, 0, sizeof site->values);
                 memset(site->counts, 0, sizeof site->counts);
             }
         }
 }
 
-/* Lock-free, as counter updates are: a free slot is claimed with a compare
- * and swap, so two threads never count one value in two slots. */
+static void count(uint64_t *counter, uint32_t flags)
+{
+    if (flags & QUARL_RT_SITE_ATOMIC)
+        __atomic_fetch_add(counter, 1, __ATOMIC_RELAXED);
+    else /* a plain increment, as plain counters are (a locked one costs tens of cycles) */
+        __atomic_store_n(counter, __atomic_load_n(counter, __ATOMIC_RELAXED) + 1, __ATOMIC_RELAXED);
+}
+
+/* A free slot is claimed with a compare and swap, so that two threads
+ * never hold one value in two slots. */
 static void record_value(QuarlRtValueSite *site, uint64_t value)
 {
     uint64_t stored = value + 1;
-    __atomic_fetch_add(&site->total, 1, __ATOMIC_RELAXED);
     for (int i = 0; stored != 0 && i < QUARL_RT_SITE_VALUES; ++i) {
         uint64_t seen = __atomic_load_n(&site->values[i], __ATOMIC_RELAXED);
         if (seen == 0 && __atomic_compare_exchange_n(&site->values[i], &seen, stored, 0, __ATOMIC_RELAXED,
                                                      __ATOMIC_RELAXED))
             seen = stored;
         if (seen == stored) {
-            __atomic_fetch_add(&site->counts[i], 1, __ATOMIC_RELAXED);
+            count(&site->counts[i], site->flags);
             return;
         }
     }
+    count(&site->other, site->flags);
 }
 
 void __quarl_record_target(QuarlRtValueSite *site, const void *callee)
@@ -62,7 +70,7 @@ void __quarl_record_size(QuarlRtValueSite *site, uint64_t size)
     if (size <= 8 || (size & (size - 1)) == 0)
         record_value(site, size);
     else
-        __atomic_fetch_add(&site->total, 1, __ATOMIC_RELAXED);
+        count(&site->other, site->flags);
 }
 
 /* A forked child starts with its parent's counts; it writes only its own. */
@@ -143,10 +151,11 @@ static void site_values(const QuarlRtValueSite *rt, QuarlProfileSite *site, Quar
                         const QuarlRtTarget *targets, size_t num_targets)
 {
     site->kind = rt->kind;
-    site->total = rt->total;
+    site->total = rt->other;
     site->num_values = 0;
     site->values = values;
     for (int i = 0; i < QUARL_RT_SITE_VALUES; ++i) {
+        site->total += rt->counts[i];
         if (rt->values[i] == 0 || rt->counts[i] == 0)
             continue;
         uint64_t value = rt->values[i] - 1;

@@ -31,11 +31,14 @@ int quarl_profile_dump(void);
 /* One value site: an indirect call or a memory operation of unknown length,
  * the kinds of quarl_profile.h. A slot holds value + 1, 0 while free; the
  * first QUARL_RT_SITE_VALUES distinct values take the slots, later ones
- * count in the total only. */
+ * count in other. Counts are atomic when the flags say so (the plugin's
+ * atomic mode), plain updates otherwise, as counters are. */
+#define QUARL_RT_SITE_ATOMIC 1u
+
 typedef struct QuarlRtValueSite {
     uint32_t kind;
-    uint32_t unused;
-    uint64_t total;
+    uint32_t flags;
+    uint64_t other; /* executions whose value has no slot */
     uint64_t values[QUARL_RT_SITE_VALUES];
     uint64_t counts[QUARL_RT_SITE_VALUES];
 } QuarlRtValueSite;
@@ -77,7 +80,7 @@ void __quarl_register_module(QuarlRtModule *module);
 /* Called before each value site runs: the callee's address, or the length
  * of a memory operation. Only the lengths the optimiser can specialise for
  * (0 to 8 and powers of two) are told apart; the others count in the
- * site's total only. */
+ * site's other executions. */
 void __quarl_record_target(QuarlRtValueSite *site, const void *callee);
 void __quarl_record_size(QuarlRtValueSite *site, uint64_t size);
 

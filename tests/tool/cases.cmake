@@ -151,6 +151,9 @@ quarl_tool_case(profile_names 0 ARGS profile show golden/names.quarlprof)
 # The edge counts that profile use turns into branch weights; --function
 # picks a function by its symbol (static ones carry "FILE:" in their key).
 quarl_tool_case(profile_edges 0 ARGS profile show --edges --function classify golden/sample.quarlprof)
+# Callees (by key when the profile has a record of theirs) and lengths of
+# a training run of a small C program, most frequent first.
+quarl_tool_case(profile_values 0 ARGS profile show --values golden/values.quarlprof)
 quarl_tool_case(profile_function_blocks 0 ARGS profile show --blocks --function main golden/sample.quarlprof)
 quarl_tool_case(profile_function_missing 1 ARGS profile show --function absent golden/sample.quarlprof
     ERR "quarl: golden/sample.quarlprof: no function 'absent'")
