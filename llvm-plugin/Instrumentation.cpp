@@ -136,7 +136,9 @@ StructType *valueSiteType(LLVMContext &Ctx)
 FunctionCallee recorder(Module &M, uint32_t Kind)
 {
     LLVMContext &Ctx = M.getContext();
-    Type *Value = Kind == QUARL_VALUE_CALL_TARGET ? static_cast<Type *>(Type::getInt8PtrTy(Ctx)) : Type::getInt64Ty(Ctx);
+    Type *Value = Type::getInt64Ty(Ctx);
+    if (Kind == QUARL_VALUE_CALL_TARGET)
+        Value = Type::getInt8PtrTy(Ctx);
     FunctionCallee Callee = M.getOrInsertFunction(
         Kind == QUARL_VALUE_CALL_TARGET ? "__quarl_record_target" : "__quarl_record_size",
         FunctionType::get(Type::getVoidTy(Ctx), {valueSiteType(Ctx)->getPointerTo(), Value}, false));
@@ -195,13 +197,13 @@ void Instrumenter::recordValues(Function &F, const std::vector<ValueSite> &Sites
     Module &M = *F.getParent();
     LLVMContext &Ctx = M.getContext();
     StructType *SiteTy = valueSiteType(Ctx);
+    Type *I32 = Type::getInt32Ty(Ctx);
+    Constant *NoValues = ConstantAggregateZero::get(SiteTy->getElementType(3));
     std::vector<Constant *> Initial;
     for (const ValueSite &Site : Sites)
         Initial.push_back(ConstantStruct::get(
-            SiteTy, {ConstantInt::get(Type::getInt32Ty(Ctx), Site.Kind),
-                     ConstantInt::get(Type::getInt32Ty(Ctx), Atomic ? QUARL_RT_SITE_ATOMIC : 0),
-                     ConstantInt::get(Type::getInt64Ty(Ctx), 0), ConstantAggregateZero::get(SiteTy->getElementType(3)),
-                     ConstantAggregateZero::get(SiteTy->getElementType(4))}));
+            SiteTy, {ConstantInt::get(I32, Site.Kind), ConstantInt::get(I32, Atomic ? QUARL_RT_SITE_ATOMIC : 0),
+                     ConstantInt::get(Type::getInt64Ty(Ctx), 0), NoValues, NoValues}));
     auto *ArrayTy = ArrayType::get(SiteTy, Sites.size());
     Out.NumSites = uint32_t(Sites.size());
     Out.Sites = new GlobalVariable(M, ArrayTy, false, GlobalValue::PrivateLinkage,
@@ -288,7 +290,9 @@ void Instrumenter::registerTable(Module &M, const std::vector<Record> &Records,
         auto *KeyVar = new GlobalVariable(M, Key->getType(), true, GlobalValue::PrivateLinkage, Key, "__quarl_key");
         Constant *Words = ConstantDataArray::get(Ctx, ArrayRef<uint32_t>(R.Words));
         auto *WordsVar = new GlobalVariable(M, Words->getType(), true, GlobalValue::PrivateLinkage, Words, "__quarl_words");
-        Constant *Sites = R.Sites ? ConstantExpr::getPointerCast(R.Sites, SitePtr) : ConstantPointerNull::get(SitePtr);
+        Constant *Sites = ConstantPointerNull::get(SitePtr);
+        if (R.Sites)
+            Sites = ConstantExpr::getPointerCast(R.Sites, SitePtr);
         Entries.push_back(ConstantStruct::get(
             FunctionTy, {ConstantExpr::getPointerCast(KeyVar, I8Ptr), ConstantInt::get(I64, R.Checksum),
                          ConstantInt::get(I32, R.Flags), ConstantInt::get(I32, R.NumBlocks),
@@ -311,10 +315,11 @@ void Instrumenter::registerTable(Module &M, const std::vector<Record> &Records,
                                            ConstantArray::get(TargetsTy, TargetEntries), "__quarl_targets");
     auto *Descriptor = new GlobalVariable(
         M, ModuleTy, false, GlobalValue::PrivateLinkage,
-        ConstantStruct::get(ModuleTy, {ConstantInt::get(I32, QUARL_RT_VERSION), ConstantInt::get(I32, Entries.size()),
-                                       ConstantExpr::getPointerCast(Table, FunctionTy->getPointerTo()),
-                                       ConstantPointerNull::get(I8Ptr), ConstantInt::get(I32, TargetEntries.size()),
-                                       ConstantExpr::getPointerCast(TargetTable, TargetTy->getPointerTo())}),
+        ConstantStruct::get(ModuleTy,
+                            {ConstantInt::get(I32, QUARL_RT_VERSION), ConstantInt::get(I32, Entries.size()),
+                             ConstantExpr::getPointerCast(Table, FunctionTy->getPointerTo()),
+                             ConstantPointerNull::get(I8Ptr), ConstantInt::get(I32, TargetEntries.size()),
+                             ConstantExpr::getPointerCast(TargetTable, TargetTy->getPointerTo())}),
         "__quarl_module");
     FunctionCallee Register = M.getOrInsertFunction(
         "__quarl_register_module", FunctionType::get(Type::getVoidTy(Ctx), {ModuleTy->getPointerTo()}, false));
