@@ -13,7 +13,7 @@
 #   clang-edges
 #            for reference, clang's own profile without its value profiles
 #            (-mllvm -disable-vp when training and using): branch and entry
-#            counts only, what an edge profile such as Quarl's carries
+#            counts only, what Quarl's profile carries without its values
 #   quarl-instrumented
 #            for reference, the instrumented build that trained
 #
