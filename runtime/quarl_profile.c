@@ -328,30 +328,37 @@ static QuarlProfileValue *merged_values(const QuarlProfileSite *a, const QuarlPr
  * sites are all made before anything changes. */
 static int add_into(QuarlProfileFunction *existing, const QuarlProfileFunction *function)
 {
-    QuarlProfileValue **values = calloc((size_t)existing->num_sites + 1, sizeof *values);
-    uint32_t *num_values = calloc((size_t)existing->num_sites + 1, sizeof *num_values);
-    int ok = values != NULL && num_values != NULL;
-    for (uint32_t i = 0; ok && i < existing->num_sites; ++i) {
-        values[i] = merged_values(&existing->sites[i], &function->sites[i], &num_values[i]);
-        ok = values[i] != NULL;
-    }
-    if (ok) {
-        for (uint32_t c = 0; c < function->num_counters; ++c)
-            existing->counters[c] += function->counters[c];
-        for (uint32_t i = 0; i < existing->num_sites; ++i) {
-            QuarlProfileSite *site = &existing->sites[i];
-            free(site->values);
-            site->values = values[i];
-            site->num_values = num_values[i];
-            site->total += function->sites[i].total;
+    uint32_t num_sites = existing->num_sites;
+    QuarlProfileValue **values = NULL;
+    uint32_t *num_values = NULL;
+    if (num_sites != 0) {
+        values = calloc(num_sites, sizeof *values);
+        num_values = calloc(num_sites, sizeof *num_values);
+        int ok = values != NULL && num_values != NULL;
+        for (uint32_t i = 0; ok && i < num_sites; ++i) {
+            values[i] = merged_values(&existing->sites[i], &function->sites[i], &num_values[i]);
+            ok = values[i] != NULL;
         }
-    } else {
-        for (uint32_t i = 0; values != NULL && i < existing->num_sites; ++i)
-            free(values[i]);
+        if (!ok) {
+            for (uint32_t i = 0; values != NULL && i < num_sites; ++i)
+                free(values[i]);
+            free(values);
+            free(num_values);
+            return 0;
+        }
+    }
+    for (uint32_t c = 0; c < function->num_counters; ++c)
+        existing->counters[c] += function->counters[c];
+    for (uint32_t i = 0; i < num_sites; ++i) {
+        QuarlProfileSite *site = &existing->sites[i];
+        free(site->values);
+        site->values = values[i];
+        site->num_values = num_values[i];
+        site->total += function->sites[i].total;
     }
     free(values);
     free(num_values);
-    return ok;
+    return 1;
 }
 
 int quarl_profile_add(QuarlProfile *profile, const QuarlProfileFunction *function)

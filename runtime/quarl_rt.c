@@ -172,27 +172,32 @@ static void site_values(const QuarlRtValueSite *rt, QuarlProfileSite *site, Quar
 
 static int add_counts(QuarlProfile *profile)
 {
+    /* One scratch area for the sites of every function, sized by the
+     * largest; quarl_profile_add copies what it keeps. */
+    uint32_t most_sites = 0;
+    for (QuarlRtModule *m = g_modules; m != NULL; m = m->next)
+        for (uint32_t f = 0; f < m->num_functions; ++f)
+            if (m->functions[f].num_sites > most_sites)
+                most_sites = m->functions[f].num_sites;
     size_t num_targets = 0;
     QuarlRtTarget *targets = all_targets(&num_targets);
-    int ok = targets != NULL;
+    QuarlProfileSite *sites = malloc((size_t)most_sites * sizeof *sites + 1);
+    QuarlProfileValue *values = malloc((size_t)most_sites * QUARL_RT_SITE_VALUES * sizeof *values + 1);
+    int ok = targets != NULL && sites != NULL && values != NULL;
     for (QuarlRtModule *m = g_modules; ok && m != NULL; m = m->next)
         for (uint32_t f = 0; ok && f < m->num_functions; ++f) {
             const QuarlRtFunction *rt = &m->functions[f];
-            QuarlProfileSite *sites = malloc((size_t)rt->num_sites * sizeof *sites + 1);
-            QuarlProfileValue *values =
-                malloc((size_t)rt->num_sites * QUARL_RT_SITE_VALUES * sizeof *values + 1);
-            ok = sites != NULL && values != NULL;
-            for (uint32_t i = 0; ok && i < rt->num_sites; ++i)
+            for (uint32_t i = 0; i < rt->num_sites; ++i)
                 site_values(&rt->sites[i], &sites[i], values + (size_t)i * QUARL_RT_SITE_VALUES, targets,
                             num_targets);
             QuarlProfileFunction function = {(char *)rt->key, rt->checksum, rt->flags, rt->num_blocks,
                                              rt->num_nodes, rt->num_words, rt->num_counters,
                                              (uint32_t *)rt->words, rt->counters, rt->num_sites, sites};
-            ok = ok && quarl_profile_add(profile, &function);
-            free(sites);
-            free(values);
+            ok = quarl_profile_add(profile, &function);
         }
     free(targets);
+    free(sites);
+    free(values);
     return ok;
 }
 
