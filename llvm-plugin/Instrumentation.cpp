@@ -9,6 +9,7 @@
 #include "llvm/IR/IRBuilder.h"
 #include "llvm/IR/IntrinsicInst.h"
 #include "llvm/IR/Module.h"
+#include "llvm/IR/ValueSymbolTable.h"
 #include "llvm/Support/CommandLine.h"
 #include "llvm/Transforms/Utils/BasicBlockUtils.h"
 #include "llvm/Transforms/Utils/ModuleUtils.h"
@@ -32,7 +33,14 @@ namespace {
 // Where a counter goes: in the code at the edge's own place, or on a branch
 // edge at the end of its source or the start of its destination when the
 // edge is the only way out or in, else in a block split onto the edge.
+// Branch edges are looked at as the code is now: an earlier split may have
+// moved an invoke's unwind edge to a landing pad of its own.
 enum class CounterSite { Fixed, EndOfSource, StartOfDest, SplitLandingPad, SplitEdge, Nowhere };
+
+BasicBlock *successorNow(const PlannedEdge &Edge)
+{
+    return Edge.From->getTerminator()->getSuccessor(Edge.SuccIndex);
+}
 
 CounterSite counterSite(const PlannedEdge &Edge)
 {
@@ -40,17 +48,15 @@ CounterSite counterSite(const PlannedEdge &Edge)
         return CounterSite::Nowhere;
     if (Edge.Kind != EdgeKind::Branch)
         return CounterSite::Fixed;
-    if (Edge.From->getUniqueSuccessor() == Edge.To)
-        return CounterSite::EndOfSource;
-    if (Edge.To->getUniquePredecessor() == Edge.From)
-        return CounterSite::StartOfDest;
-    if (Edge.To->isLandingPad())
-        return CounterSite::SplitLandingPad;
-    // Edges out of indirectbr and callbr, and into other EH pads, cannot be
-    // split.
-    const Instruction *Term = Edge.From->getTerminator();
-    if (isa<IndirectBrInst>(Term) || isa<CallBrInst>(Term) || Edge.To->isEHPad())
+    if (!branchCanBeCounted(*Edge.From, Edge.SuccIndex))
         return CounterSite::Nowhere;
+    BasicBlock *To = successorNow(Edge);
+    if (Edge.From->getSingleSuccessor() == To)
+        return CounterSite::EndOfSource;
+    if (To->getSinglePredecessor() == Edge.From)
+        return CounterSite::StartOfDest;
+    if (To->isLandingPad())
+        return CounterSite::SplitLandingPad;
     return CounterSite::SplitEdge;
 }
 
@@ -68,29 +74,49 @@ Instruction *fixedPlace(const PlannedEdge &Edge)
     }
 }
 
+// A name for a block the plugin adds next to Near: Near's name with the
+// suffix ".quarl", numbered before the suffix when taken, so that an IR
+// dump tells the plugin's blocks from the function's own.
+std::string addedBlockName(const BasicBlock &Near)
+{
+    const Function &F = *Near.getParent();
+    if (F.getContext().shouldDiscardValueNames())
+        return "";
+    std::string Name = (Near.getName() + ".quarl").str();
+    for (unsigned N = 1; F.getValueSymbolTable()->lookup(Name); ++N)
+        Name = (Near.getName() + "." + Twine(N) + ".quarl").str();
+    return Name;
+}
+
 // The instruction the counter goes before, splitting the edge if needed.
 Instruction *insertionPoint(const PlannedEdge &Edge)
 {
-    BasicBlock *From = Edge.From, *To = Edge.To;
+    BasicBlock *From = Edge.From;
     switch (counterSite(Edge)) {
     case CounterSite::Fixed:
         return fixedPlace(Edge);
     case CounterSite::EndOfSource:
         return From->getTerminator();
     case CounterSite::StartOfDest:
-        return &*To->getFirstInsertionPt();
+        return &*successorNow(Edge)->getFirstInsertionPt();
     case CounterSite::SplitLandingPad: {
+        // The pad is copied into a block for this invoke alone and one for
+        // the others, both joining the original block.
+        BasicBlock *Pad = successorNow(Edge);
         SmallVector<BasicBlock *, 2> NewBlocks;
-        SplitLandingPadPredecessors(To, {From}, ".quarl", ".quarl.rest", NewBlocks);
+        SplitLandingPadPredecessors(Pad, {From}, ".quarl", ".quarl.rest", NewBlocks);
+        for (BasicBlock *Added : NewBlocks) {
+            Added->setName("");
+            Added->setName(addedBlockName(*Pad));
+        }
         return &*NewBlocks[0]->getFirstInsertionPt();
     }
     case CounterSite::SplitEdge: {
-        Instruction *Term = From->getTerminator();
-        for (unsigned I = 0; I < Term->getNumSuccessors(); ++I)
-            if (Term->getSuccessor(I) == To)
-                return &*SplitCriticalEdge(Term, I, CriticalEdgeSplittingOptions().setMergeIdenticalEdges())
-                             ->getFirstInsertionPt();
-        break;
+        // Only this successor: another case to the same block is counted
+        // on an edge of its own.
+        BasicBlock *Split = SplitCriticalEdge(From->getTerminator(), Edge.SuccIndex, CriticalEdgeSplittingOptions(),
+                                              addedBlockName(*successorNow(Edge)));
+        return &*Split->getFirstInsertionPt();
     }
     case CounterSite::Nowhere:
         break;

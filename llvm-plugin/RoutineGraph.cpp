@@ -79,23 +79,31 @@ struct Planner {
                  capped(frequency(&BB)), true});
             return;
         }
+        // indirectbr and callbr cannot count one of several edges to a
+        // block apart from the others: those edges are one transfer.
+        bool EachOwnEdge = !isa<IndirectBrInst>(Term) && !isa<CallBrInst>(Term);
         SmallPtrSet<BasicBlock *, 8> Seen;
-        for (BasicBlock *Succ : successors(&BB)) {
-            if (!Seen.insert(Succ).second)
-                continue; // switch cases to one block are one control transfer
+        for (unsigned I = 0; I < Term->getNumSuccessors(); ++I) {
+            BasicBlock *Succ = Term->getSuccessor(I);
+            bool Shared = !Seen.insert(Succ).second;
+            if (Shared && !EachOwnEdge)
+                continue;
             uint64_t Cost = 0;
             if (BPI)
-                Cost = BPI->getEdgeProbability(&BB, Succ).scale(frequency(&BB));
+                Cost = BPI->getEdgeProbability(&BB, I).scale(frequency(&BB));
             uint32_t Dest = NodeOf[Succ];
-            if (Dest == Stretch) {
+            if (Dest == Stretch || Shared) {
                 // A branch back to its own block goes through a node of its
                 // own: flow conservation takes an edge from a node to itself
                 // as entering it only, which a branch that both leaves and
-                // enters the block is not.
+                // enters the block is not. So does a switch case whose block
+                // an earlier case goes to, so that each case has a count of
+                // its own, as the optimiser's branch weights have.
                 Dest = Graph.NumNodes++;
-                addVirtual(Dest, Stretch);
+                addVirtual(Dest, NodeOf[Succ]);
             }
-            add({Stretch, Dest, EdgeKind::Branch, &BB, Succ, nullptr, capped(Cost), false});
+            add({Stretch, Dest, EdgeKind::Branch, &BB, Succ, nullptr,
+                 branchCanBeCounted(BB, I) ? capped(Cost) : NeverCounted, false, I});
         }
     }
 
@@ -232,6 +240,17 @@ bool mayLeaveMidBlock(const CallBase &Call, const CalleeFacts &Facts)
 }
 
 bool returnsTwice(const CallBase &Call) { return Call.hasFnAttr(Attribute::ReturnsTwice); }
+
+bool branchCanBeCounted(const BasicBlock &From, unsigned SuccIndex)
+{
+    const Instruction *Term = From.getTerminator();
+    const BasicBlock *To = Term->getSuccessor(SuccIndex);
+    if (From.getSingleSuccessor() == To)
+        return true; // at the end of From
+    if (To->isEHPad() && !To->isLandingPad())
+        return false; // the pad must come first, and a catchswitch has no room
+    return To->getSinglePredecessor() == &From || (!isa<IndirectBrInst>(Term) && !isa<CallBrInst>(Term));
+}
 
 RoutineGraph planRoutine(Function &F, const BlockFrequencyInfo *BFI, const BranchProbabilityInfo *BPI,
                          const CalleeFacts &Facts)

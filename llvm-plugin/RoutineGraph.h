@@ -1,7 +1,8 @@
 // How a function becomes Quarl's graph: node 0 the pseudo entry, node 1
 // the pseudo exit, node 2+i the i-th basic block, then one node for each
-// stretch of a block that follows a call that may not come back and one
-// for each branch of a block back to itself. Built the
+// stretch of a block that follows a call that may not come back, one for
+// each branch of a block back to itself and one for each switch case (or
+// branch) whose destination an earlier successor already goes to. Built the
 // same way when instrumenting and when using a profile, so that both see
 // the same graph and the same stored words.
 #pragma once
@@ -31,7 +32,8 @@ const uint32_t PseudoExit = 1;
 enum class EdgeKind {
     FunctionEntry, // 0 -> entry block: at the start of the entry block
     AfterCall,     // a block's stretch to the next one: right after the call
-    Branch,        // block -> successor: on the edge (split when critical)
+    Branch,        // block -> successor SuccIndex: on the edge (split when
+                   // critical)
     Return,        // a returning block -> 1: before its terminator
     Virtual,       // leaving in a call, re-entering at setjmp, 1 -> 0:
                    // no code runs there, so never counted
@@ -45,6 +47,7 @@ struct PlannedEdge {
     llvm::Instruction *Call = nullptr; // AfterCall: the call
     int64_t Cost = 0;
     bool Pseudo = false;
+    unsigned SuccIndex = 0; // Branch: To's index among From's successors
 };
 
 struct RoutineGraph {
@@ -83,6 +86,12 @@ private:
 // second time (setjmp).
 bool mayLeaveMidBlock(const llvm::CallBase &Call, const CalleeFacts &Facts);
 bool returnsTwice(const llvm::CallBase &Call);
+
+// True when code can go on the edge to successor SuccIndex of From's
+// terminator: not out of indirectbr or callbr, whose edges cannot be split,
+// nor into an exception pad other than a landing pad, unless the edge is
+// its source's only way out or its destination's only way in.
+bool branchCanBeCounted(const llvm::BasicBlock &From, unsigned SuccIndex);
 
 // The graph of F; edge costs from the static estimate (block frequency times
 // branch probability) when BFI and BPI are given, 0 otherwise.

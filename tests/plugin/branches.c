@@ -54,6 +54,19 @@ __attribute__((noinline)) void hinted(int i)
         sink -= 7;
 }
 
+/* cases 2 and 3 share a block and still have a count each: 60 for the
+ * default, then 10 for each case */
+__attribute__((noinline)) int shared(int i)
+{
+    switch (i % 10) {
+    case 0: return 7;
+    case 1: return 8;
+    case 2:
+    case 3: return 9;
+    default: return 10;
+    }
+}
+
 /* never called: entry count 0 */
 __attribute__((noinline)) void unused(int i)
 {
@@ -69,6 +82,7 @@ int main(void)
         never(i);
         dispatch(i);
         hinted(i);
+        sink += shared(i);
     }
     printf("%d\n", sink);
     return 0;
