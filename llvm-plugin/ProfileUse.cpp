@@ -50,7 +50,7 @@ struct EdgeArrayDeleter {
 struct FunctionCounts {
     Function *F = nullptr;
     uint64_t Entry = 0, MaxCount = 0;
-    DenseMap<std::pair<const BasicBlock *, const BasicBlock *>, uint64_t> BranchCount;
+    DenseMap<std::pair<const BasicBlock *, unsigned>, uint64_t> BranchCount; // by successor index
     const QuarlProfileFunction *Record = nullptr;
     std::vector<ValueSite> Sites;
 };
@@ -99,8 +99,14 @@ bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysi
         return false;
     }
     if (!recordFits(Record, Plan, Placed)) {
-        warn(F, "the profile was made from other code (the source or the compiler flags changed); "
-                "compiled without profile");
+        // An inline function or template has a copy in every unit that
+        // uses it, and the profile holds the one the linker kept; the front
+        // end may have given this unit's copy another graph (calls without
+        // landing pads to callees it saw do not throw). As with LLVM's own
+        // profiles, that is no cause for a warning.
+        if (!F.hasLinkOnceLinkage() && !F.hasWeakLinkage())
+            warn(F, "the profile was made from other code (the source or the compiler flags changed); "
+                    "compiled without profile");
         return false;
     }
     QuarlProfileEdge *Raw = nullptr;
@@ -123,14 +129,15 @@ bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysi
     Out.Entry = CountOf.lookup({PseudoEntry, 2});
     for (const PlannedEdge &Edge : Plan.Edges)
         if (Edge.Kind == EdgeKind::Branch)
-            Out.BranchCount[{Edge.From, Edge.To}] = CountOf.lookup({Edge.Src, Edge.Dest});
+            Out.BranchCount[{Edge.From, Edge.SuccIndex}] = CountOf.lookup({Edge.Src, Edge.Dest});
     return true;
 }
 
-// Weights in successor order, as LLVM's own profiles give them: a block
-// reached by several successors of one terminator (switch cases sharing a
-// block) takes the count at its first, a terminator that never ran gets
-// none, and counts beyond 32 bits are scaled down together.
+// Weights in successor order, as LLVM's own profiles give them: each
+// switch case its own count, also where cases share a block (only
+// indirectbr and callbr count such successors once, at the first), a
+// terminator that never ran gets none, and counts beyond 32 bits are
+// scaled down together.
 void setBranchWeights(const FunctionCounts &Counts)
 {
     for (BasicBlock &BB : *Counts.F) {
@@ -138,10 +145,9 @@ void setBranchWeights(const FunctionCounts &Counts)
         if (Term->getNumSuccessors() < 2)
             continue;
         SmallVector<uint64_t, 4> Weights;
-        SmallPtrSet<BasicBlock *, 8> Seen;
         uint64_t Max = 0;
-        for (BasicBlock *Succ : successors(&BB)) {
-            Weights.push_back(Seen.insert(Succ).second ? Counts.BranchCount.lookup({&BB, Succ}) : 0);
+        for (unsigned I = 0; I < Term->getNumSuccessors(); ++I) {
+            Weights.push_back(Counts.BranchCount.lookup({&BB, I}));
             Max = std::max(Max, Weights.back());
         }
         if (Max == 0)

@@ -170,6 +170,46 @@ static void site_values(const QuarlRtValueSite *rt, QuarlProfileSite *site, Quar
     }
 }
 
+/* A function ran when any of its counters or value sites counted. */
+static int function_ran(const QuarlRtFunction *f)
+{
+    for (uint32_t c = 0; c < f->num_counters; ++c)
+        if (f->counters[c] != 0)
+            return 1;
+    for (uint32_t i = 0; i < f->num_sites; ++i) {
+        if (f->sites[i].other != 0)
+            return 1;
+        for (int v = 0; v < QUARL_RT_SITE_VALUES; ++v)
+            if (f->sites[i].counts[v] != 0)
+                return 1;
+    }
+    return 0;
+}
+
+static int by_key(const void *a, const void *b)
+{
+    return strcmp(*(const char *const *)a, *(const char *const *)b);
+}
+
+/* The keys of the functions that ran, sorted; NULL when memory runs out. */
+static const char **keys_that_ran(size_t *count)
+{
+    size_t n = 0;
+    for (QuarlRtModule *m = g_modules; m != NULL; m = m->next)
+        n += m->num_functions;
+    const char **keys = malloc(n * sizeof *keys + 1);
+    if (keys == NULL)
+        return NULL;
+    n = 0;
+    for (QuarlRtModule *m = g_modules; m != NULL; m = m->next)
+        for (uint32_t f = 0; f < m->num_functions; ++f)
+            if (function_ran(&m->functions[f]))
+                keys[n++] = m->functions[f].key;
+    qsort(keys, n, sizeof *keys, by_key);
+    *count = n;
+    return keys;
+}
+
 static int add_counts(QuarlProfile *profile)
 {
     /* One scratch area for the sites of every function, sized by the
@@ -179,14 +219,22 @@ static int add_counts(QuarlProfile *profile)
         for (uint32_t f = 0; f < m->num_functions; ++f)
             if (m->functions[f].num_sites > most_sites)
                 most_sites = m->functions[f].num_sites;
-    size_t num_targets = 0;
+    size_t num_targets = 0, num_ran = 0;
     QuarlRtTarget *targets = all_targets(&num_targets);
+    const char **ran = keys_that_ran(&num_ran);
     QuarlProfileSite *sites = malloc((size_t)most_sites * sizeof *sites + 1);
     QuarlProfileValue *values = malloc((size_t)most_sites * QUARL_RT_SITE_VALUES * sizeof *values + 1);
-    int ok = targets != NULL && sites != NULL && values != NULL;
+    int ok = targets != NULL && ran != NULL && sites != NULL && values != NULL;
     for (QuarlRtModule *m = g_modules; ok && m != NULL; m = m->next)
         for (uint32_t f = 0; ok && f < m->num_functions; ++f) {
             const QuarlRtFunction *rt = &m->functions[f];
+            /* An inline function or template is in every module that uses
+             * it, and the linker keeps one copy: the others never run, and
+             * their graphs may differ (a front end that knows a callee does
+             * not throw calls it without a landing pad). Such a copy must
+             * not replace the counts of the one that ran. */
+            if (!function_ran(rt) && bsearch(&rt->key, ran, num_ran, sizeof *ran, by_key) != NULL)
+                continue;
             for (uint32_t i = 0; i < rt->num_sites; ++i)
                 site_values(&rt->sites[i], &sites[i], values + (size_t)i * QUARL_RT_SITE_VALUES, targets,
                             num_targets);
@@ -196,6 +244,7 @@ static int add_counts(QuarlProfile *profile)
             ok = quarl_profile_add(profile, &function);
         }
     free(targets);
+    free(ran);
     free(sites);
     free(values);
     return ok;

@@ -14,14 +14,16 @@ trap 'rm -rf "$work"' EXIT
 build() { # MODE LEVEL OUTPUT SOURCE...
     local mode=$1 level=$2 output=$3 compiler=$CLANG
     shift 3
-    [[ $1 == *.cpp ]] && compiler=$CLANGXX
+    [[ $1 == *.cpp ]] && compiler="$CLANGXX -std=c++17"
     local sources=()
     for source in "$@"; do sources+=("$here/$source"); done
     local settings=()
     [ "$mode" = naive ] && settings+=(QUARL_NAIVE_COUNTS=1)
     [ "$mode" = quarl ] && [ "$case_name" = atomic ] && settings+=(QUARL_ATOMIC_COUNTERS=1)
-    env "${settings[@]}" "$compiler" "$level" -fpass-plugin="$PLUGIN" "${sources[@]}" "$RUNTIME" \
-        -lpthread -o "$output"
+    local plugin=(-fpass-plugin="$PLUGIN") runtime=("$RUNTIME")
+    [ "$mode" = plain ] && plugin=() runtime=()
+    # shellcheck disable=SC2086
+    env "${settings[@]}" $compiler "$level" "${plugin[@]}" "${sources[@]}" "${runtime[@]}" -lpthread -o "$output"
 }
 
 # The case's runs of PROGRAM, all writing PROFILE.
@@ -30,6 +32,7 @@ run_case() { # PROGRAM PROFILE
     case $case_name in
     control) "$1" >/dev/null; "$1" stop-in-loop >/dev/null || [ $? -eq 3 ] ;;
     concurrent) for i in 1 2 3 4; do "$1" >/dev/null & done; wait ;;
+    cxx) "$1" ;;
     *) "$1" >/dev/null ;;
     esac
 }
@@ -39,6 +42,7 @@ sources() {
     control | concurrent | atomic) echo control.c ;;
     jumps) echo jumps.c ;;
     exceptions) echo exceptions.cpp ;;
+    cxx) echo cxx_main.cpp cxx_shapes.cpp ;;
     units) echo unit_a.c unit_b.c units_main.c ;;
     forks) echo forks.c ;;
     *) echo "unknown case $case_name" >&2; exit 2 ;;
@@ -51,10 +55,16 @@ for level in -O0 -O2; do
     for mode in quarl naive; do
         # shellcheck disable=SC2046
         build $mode $level "$work/$mode" $(sources)
-        run_case "$work/$mode" "$work/$mode$level.quarlprof"
+        run_case "$work/$mode" "$work/$mode$level.quarlprof" >"$work/$mode.out"
         "$QUARL" profile show --blocks "$work/$mode$level.quarlprof" >"$work/$mode.blocks"
     done
     diff -u "$work/naive.blocks" "$work/quarl.blocks" >&2 || fail "block counts differ from the direct count"
+    if [ "$case_name" = cxx ]; then
+        # shellcheck disable=SC2046
+        build plain $level "$work/plain" $(sources)
+        run_case "$work/plain" /dev/null >"$work/plain.out"
+        diff -u "$work/plain.out" "$work/quarl.out" >&2 || fail "the instrumented program printed otherwise"
+    fi
     [ -s "$work/quarl.blocks" ] || fail "empty profile"
     blocks=$(grep -c '^  block' "$work/quarl.blocks")
     case $case_name in

@@ -12,16 +12,21 @@ cd "$work"
 
 fail() { echo "FAIL ($case_name): $*" >&2; exit 1; }
 
+compiler=$CLANG
+[ "$case_name" = cxx ] && compiler="$CLANGXX -std=c++17"
+
 train() { # LEVEL PROGRAM SOURCE...: instrument, link, run once
     local level=$1 program=$2
     shift 2
-    "$CLANG" "$level" -fpass-plugin="$PLUGIN" "$@" "$RUNTIME" -lpthread -o "$program"
+    $compiler "$level" -fpass-plugin="$PLUGIN" "$@" "$RUNTIME" -lpthread -o "$program"
     QUARL_PROFILE_FILE=$work/$program.quarlprof "./$program" >/dev/null
 }
 
 use() { # LEVEL PROFILE SOURCE: the IR built with the profile, warnings in SOURCE.err
-    "$CLANG" "$1" -fplugin="$PLUGIN" -fpass-plugin="$PLUGIN" -mllvm -quarl-profile-use="$2" \
-        -S -emit-llvm "$3" -o "$(basename "$3" .c).ll" 2>"$(basename "$3" .c).err"
+    local name
+    name=$(basename "${3%.*}")
+    $compiler "$1" -fplugin="$PLUGIN" -fpass-plugin="$PLUGIN" -mllvm -quarl-profile-use="$2" \
+        -S -emit-llvm "$3" -o "$name.ll" 2>"$name.err"
 }
 
 # The profile metadata of function NAME in IR file FILE, one line each:
@@ -58,6 +63,7 @@ ratios)
     # case 2's block), 3.
     expect_profile dispatch branches.ll $'entry 100\n4, 96\n1, 1, 1, 96, 0, 1'
     expect_profile hinted branches.ll $'entry 100\n1, 99'
+    expect_profile shared branches.ll $'entry 100\n60, 10, 10, 10, 10'
     expect_profile unused branches.ll 'entry 0'
     attrs=$(grep -E '^define .*@unused\(' branches.ll | grep -o '#[0-9]*')
     grep -E "^attributes $attrs = \{.* cold" branches.ll >/dev/null || fail "unused is not marked cold"
@@ -70,7 +76,7 @@ ratios)
     train -O2 prog2 "$here/branches.c"
     use -O2 prog2.quarlprof "$here/branches.c"
     [ ! -s branches.err ] || fail "unexpected warnings at -O2: $(cat branches.err)"
-    for f in mostly halves never dispatch hinted; do
+    for f in mostly halves never dispatch hinted shared; do
         [ "$(profile_of $f branches.ll | head -1)" = "entry 100" ] || fail "-O2: $f entry count"
     done
     # The measured weights outlast the optimiser, __builtin_expect's too.
@@ -186,6 +192,30 @@ $got"
         fail "no warning for clear: $(cat values.err)"
     [ "$(grep -c warning: values.err)" -eq 1 ] || fail "one warning expected: $(cat values.err)"
     [ "$(profile_of clear values.ll | head -1)" = "entry 4000" ] || fail "clear lost its entry count"
+    ;;
+cxx)
+    # Templates and inline functions are emitted by both units and kept
+    # once by the linker: one record each, which fits both units' copies.
+    sources=("$here/cxx_main.cpp" "$here/cxx_shapes.cpp")
+    for level in -O0 -O2; do
+        train $level prog "${sources[@]}"
+        for source in "${sources[@]}"; do
+            use $level prog.quarlprof "$source"
+            name=$(basename "${source%.*}")
+            [ ! -s "$name.err" ] || fail "unexpected warnings at $level: $(cat "$name.err")"
+        done
+        key=_Z14count_at_leastISt6vectorIlSaIlEEEiRKT_NS3_10value_typeE
+        "$QUARL" profile show --blocks prog.quarlprof >blocks
+        [ $level = -O2 ] || grep -qx "function $key entry 2" blocks ||
+            fail "count_at_least<vector<long>>: one record, called once from each unit"
+        expect_profile "$key" cxx_main.ll "$(profile_of "$key" cxx_shapes.ll)"
+        rm prog.quarlprof
+    done
+    # -O2: the virtual call's two targets are called directly behind a check.
+    for target in Square Rectangle; do
+        grep -qE "icmp eq .*@_ZNK12_GLOBAL__N_1[0-9]+${target}4areaEv" cxx_shapes.ll ||
+            fail "-O2: the call of area() is not promoted to $target::area"
+    done
     ;;
 *) echo "unknown case $case_name" >&2; exit 2 ;;
 esac
