@@ -24,6 +24,13 @@ const uint64_t CostCap = uint64_t{1} << 60;
 
 int64_t capped(uint64_t Cost) { return int64_t(Cost < CostCap ? Cost : CostCap); }
 
+// fork and vfork (declared here, defined by the C library).
+bool isFork(const Function &Callee)
+{
+    StringRef Name = Callee.getName();
+    return Callee.isDeclaration() && (Name == "fork" || Name == "vfork" || Name == "__fork");
+}
+
 struct Planner {
     Planner(const BlockFrequencyInfo *BFI, const BranchProbabilityInfo *BPI, const CalleeFacts &Facts)
         : BFI(BFI), BPI(BPI), Facts(Facts)
@@ -48,8 +55,8 @@ struct Planner {
         add({Src, Dest, EdgeKind::Virtual, nullptr, nullptr, nullptr, NeverCounted, true});
     }
 
-    // The block's stretches, split after each call that may leave or come
-    // back, then its terminator's edges from the last stretch.
+    // The block's stretches, split after each call that may leave or return
+    // twice, then its terminator's edges from the last stretch.
     void planBlock(BasicBlock &BB)
     {
         uint32_t Stretch = NodeOf[&BB];
@@ -59,16 +66,22 @@ struct Planner {
             // call is counted as part of the return.
             if (!Call || Call->isMustTailCall())
                 continue;
-            bool Leaves = mayLeaveMidBlock(*Call, Facts), Twice = returnsTwice(*Call);
+            // The first return of a call that returns twice comes back.
+            bool Twice = Facts.returnsTwice(*Call), Leaves = !Twice && mayLeaveMidBlock(*Call, Facts);
             if (!Leaves && !Twice)
                 continue;
+            uint32_t Returned = Stretch;
+            if (Twice) {
+                // The counter right after the call sees every return: the
+                // later ones join the first before it.
+                Returned = Graph.NumNodes++;
+                addVirtual(Stretch, Returned);
+                addVirtual(PseudoEntry, Returned);
+            }
             uint32_t Next = Graph.NumNodes++;
-            add({Stretch, Next, EdgeKind::AfterCall, nullptr, nullptr, Call,
-                 capped(frequency(&BB)), false});
+            add({Returned, Next, EdgeKind::AfterCall, nullptr, nullptr, Call, capped(frequency(&BB)), false});
             if (Leaves)
                 addVirtual(Stretch, PseudoExit);
-            if (Twice)
-                addVirtual(PseudoEntry, Next);
             Stretch = Next;
         }
         Instruction *Term = BB.getTerminator();
@@ -200,7 +213,7 @@ CalleeFacts CalleeFacts::of(Module &M, FunctionAnalysisManager &FAM)
             const auto *Call = dyn_cast<CallBase>(&I);
             if (!Call)
                 continue;
-            bool ComesBack = !Call->doesNotReturn() && !returnsTwice(*Call);
+            bool ComesBack = !Call->doesNotReturn() && !hasReturnsTwiceAttr(*Call);
             if (ComesBack && (isa<IntrinsicInst>(Call) || Call->isInlineAsm() ||
                               Call->hasFnAttr(Attribute::WillReturn)))
                 continue;
@@ -215,6 +228,7 @@ CalleeFacts CalleeFacts::of(Module &M, FunctionAnalysisManager &FAM)
             }
         }
     }
+    Facts.findForking(M);
     for (const Function *F : Dropped)
         Facts.DefinedComingBack.erase(F);
     while (!Dropped.empty()) {
@@ -224,6 +238,31 @@ CalleeFacts CalleeFacts::of(Module &M, FunctionAnalysisManager &FAM)
                 Dropped.push_back(Caller);
     }
     return Facts;
+}
+
+void CalleeFacts::findForking(Module &M)
+{
+    // From the functions that call fork, through their callers.
+    DenseMap<const Function *, SmallVector<const Function *, 4>> CallersOf;
+    SmallVector<const Function *, 8> Work;
+    for (const Function &F : M) {
+        if (F.isDeclaration())
+            continue;
+        for (const Instruction &I : instructions(F)) {
+            const auto *Call = dyn_cast<CallBase>(&I);
+            const Function *Callee = Call ? Call->getCalledFunction() : nullptr;
+            if (!Callee)
+                continue;
+            if (isFork(*Callee) && DefinedForking.insert(&F).second)
+                Work.push_back(&F);
+            else if (!Callee->isDeclaration())
+                CallersOf[Callee].push_back(&F);
+        }
+    }
+    while (!Work.empty())
+        for (const Function *Caller : CallersOf.lookup(Work.pop_back_val()))
+            if (DefinedForking.insert(Caller).second)
+                Work.push_back(Caller);
 }
 
 bool mayLeaveMidBlock(const CallBase &Call, const CalleeFacts &Facts)
@@ -239,7 +278,15 @@ bool mayLeaveMidBlock(const CallBase &Call, const CalleeFacts &Facts)
     return UnwindsOut || !Facts.comesBack(Call);
 }
 
-bool returnsTwice(const CallBase &Call) { return Call.hasFnAttr(Attribute::ReturnsTwice); }
+bool hasReturnsTwiceAttr(const CallBase &Call) { return Call.hasFnAttr(Attribute::ReturnsTwice); }
+
+bool CalleeFacts::returnsTwice(const CallBase &Call) const
+{
+    if (hasReturnsTwiceAttr(Call))
+        return true;
+    const Function *Callee = Call.getCalledFunction();
+    return Callee && (isFork(*Callee) || DefinedForking.count(Callee) != 0);
+}
 
 bool branchCanBeCounted(const BasicBlock &From, unsigned SuccIndex)
 {

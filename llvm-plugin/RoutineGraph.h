@@ -73,19 +73,26 @@ public:
 
     bool comesBack(const llvm::CallBase &Call) const;
 
+    // A call returns twice when it is marked returns_twice (setjmp), or it
+    // forks, or calls a function of this module that forks: a forked child
+    // counts from the fork on, so in its frames the call returns without
+    // having been made.
+    bool returnsTwice(const llvm::CallBase &Call) const;
+
 private:
     explicit CalleeFacts(llvm::FunctionAnalysisManager &FAM) : FAM(&FAM) {}
     bool libraryFunctionComesBack(const llvm::CallBase &Call, const llvm::Function &Callee) const;
+    void findForking(llvm::Module &M);
 
     llvm::FunctionAnalysisManager *FAM;
     llvm::DenseSet<const llvm::Function *> DefinedComingBack;
+    llvm::DenseSet<const llvm::Function *> DefinedForking;
 };
 
 // True when control may leave the function inside the call (exit, longjmp,
-// an exception with no landing pad here) or come back to just after it a
-// second time (setjmp).
+// an exception with no landing pad here).
 bool mayLeaveMidBlock(const llvm::CallBase &Call, const CalleeFacts &Facts);
-bool returnsTwice(const llvm::CallBase &Call);
+bool hasReturnsTwiceAttr(const llvm::CallBase &Call);
 
 // True when code can go on the edge to successor SuccIndex of From's
 // terminator: not out of indirectbr or callbr, whose edges cannot be split,
