@@ -71,11 +71,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
     for (uint32_t i = 0; i < profile.count; ++i) {
         const QuarlProfileFunction &f = profile.functions[i];
         std::vector<uint64_t> nodes(f.num_nodes);
-        bool counted = quarl_profile_node_counts(&f, nodes.data());
+        uint32_t repaired = 0, edge_repaired = 0;
+        bool counted = quarl_profile_node_counts(&f, nodes.data(), &repaired);
         QuarlProfileEdge *edges = nullptr;
         uint32_t num_edges = 0;
-        if (quarl_profile_edge_counts(&f, &edges, &num_edges)) {
-            FUZZ_CHECK(counted);
+        if (quarl_profile_edge_counts(&f, &edges, &num_edges, &edge_repaired)) {
+            // Whatever the counters say, no count below zero.
+            FUZZ_CHECK(counted && repaired == edge_repaired);
+            for (uint32_t e = 0; e < num_edges; ++e)
+                FUZZ_CHECK(edges[e].count <= uint64_t(INT64_MAX));
             free(edges);
         } else {
             FUZZ_CHECK(edges == nullptr && num_edges == 0);

@@ -66,7 +66,7 @@ std::unique_ptr<ProfileSummary> summarise(const QuarlProfile &Profile)
     for (uint32_t I = 0; I < Profile.count; ++I) {
         const QuarlProfileFunction &Record = Profile.functions[I];
         Nodes.resize(Record.num_nodes);
-        if (Record.num_blocks == 0 || !quarl_profile_node_counts(&Record, Nodes.data()))
+        if (Record.num_blocks == 0 || !quarl_profile_node_counts(&Record, Nodes.data(), nullptr))
             continue;
         Builder.addRecord(InstrProfRecord(
             std::vector<uint64_t>(Nodes.begin() + 2, Nodes.begin() + 2 + Record.num_blocks)));
@@ -111,7 +111,7 @@ bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysi
     }
     QuarlProfileEdge *Raw = nullptr;
     uint32_t NumEdges = 0;
-    if (!quarl_profile_edge_counts(&Record, &Raw, &NumEdges)) {
+    if (!quarl_profile_edge_counts(&Record, &Raw, &NumEdges, nullptr)) {
         warn(F, "the profile's counters give no counts (damaged); compiled without profile");
         return false;
     }

@@ -35,6 +35,10 @@ const char profile_help[] =
     "               like --blocks, with '  site I call|length total COUNT' for each\n"
     "               indirect call and memory operation of unknown length, then\n"
     "               '    VALUE COUNT' for each callee (by key) or length recorded\n"
+    "  Counts derived from counters that contradict each other (plain counters\n"
+    "  that threads raced on lose increments) are repaired to consistent ones,\n"
+    "  never below zero; show says which functions, --blocks, --edges and\n"
+    "  --values with '  repaired: N edge counts came out below zero'.\n"
     "  --function NAME\n"
     "               only the function NAME (its key, its symbol or its\n"
     "               demangled name)\n"
@@ -81,10 +85,10 @@ std::string readable_name(const std::string &key)
 
 // Counts of the real blocks, node 2 + i at index i; false when the record's
 // words and counters do not give counts.
-bool block_counts(const QuarlProfileFunction &f, std::vector<uint64_t> *counts)
+bool block_counts(const QuarlProfileFunction &f, std::vector<uint64_t> *counts, uint32_t *repaired)
 {
     std::vector<uint64_t> nodes(f.num_nodes);
-    if (!quarl_profile_node_counts(&f, nodes.data()))
+    if (!quarl_profile_node_counts(&f, nodes.data(), repaired))
         return false;
     counts->assign(nodes.begin() + 2, nodes.begin() + 2 + f.num_blocks);
     return true;
@@ -104,6 +108,7 @@ struct Row {
     std::string key;
     uint64_t entry;
     std::vector<uint64_t> blocks;
+    uint32_t repaired; // edges whose count came out below zero
 };
 
 enum class ShowForm { Table, Blocks, Edges, Values };
@@ -141,7 +146,7 @@ void print_edges(const Row &row)
         printf("  (edge counts not recorded: direct block counts)\n");
         return;
     }
-    if (!quarl_profile_edge_counts(row.record, &edges, &count)) {
+    if (!quarl_profile_edge_counts(row.record, &edges, &count, nullptr)) {
         printf("  (edge counts not derived: out of memory)\n");
         return;
     }
@@ -166,8 +171,8 @@ int show(const std::string &path, ShowForm form, const std::string &function)
         const QuarlProfileFunction &f = profile->functions[i];
         if (!function.empty() && !names_function(function, f.key))
             continue;
-        Row row{&f, f.key, 0, {}};
-        if (!block_counts(f, &row.blocks)) {
+        Row row{&f, f.key, 0, {}, 0};
+        if (!block_counts(f, &row.blocks, &row.repaired)) {
             report_error("%s: the record of %s does not give block counts (damaged)", path.c_str(),
                          f.key);
             status = status_bad_data;
@@ -187,6 +192,8 @@ int show(const std::string &path, ShowForm form, const std::string &function)
             key_of_hash[quarl_profile_key_hash(profile->functions[i].key)] = profile->functions[i].key;
         for (const Row &row : rows) {
             printf("function %s entry %llu\n", row.key.c_str(), (unsigned long long)row.entry);
+            if (row.repaired != 0)
+                printf("  repaired: %u edge counts came out below zero\n", row.repaired);
             if (form == ShowForm::Edges)
                 print_edges(row);
             else if (form == ShowForm::Values)
@@ -200,13 +207,20 @@ int show(const std::string &path, ShowForm form, const std::string &function)
     std::stable_sort(rows.begin(), rows.end(),
                      [](const Row &a, const Row &b) { return a.entry > b.entry; });
     printf("%20s  %13s  %8s  %s\n", "entry count", "blocks run", "counters", "function");
+    size_t repaired = 0;
     for (const Row &row : rows) {
         size_t run = size_t(std::count_if(row.blocks.begin(), row.blocks.end(),
                                           [](uint64_t count) { return count != 0; }));
         std::string ratio = std::to_string(run) + "/" + std::to_string(row.blocks.size());
-        printf("%20llu  %13s  %8u  %s\n", (unsigned long long)row.entry, ratio.c_str(),
-               row.record->num_counters, readable_name(row.key).c_str());
+        printf("%20llu  %13s  %8u  %s%s\n", (unsigned long long)row.entry, ratio.c_str(),
+               row.record->num_counters, readable_name(row.key).c_str(), row.repaired ? " (repaired)" : "");
+        repaired += row.repaired != 0;
     }
+    if (repaired != 0)
+        printf("\n%zu functions marked (repaired) have counters that contradict each other, as plain\n"
+               "counters do when threads race on them: their counts were made consistent, never\n"
+               "below zero. For exact counts, train with QUARL_ATOMIC_COUNTERS=1.\n",
+               repaired);
     return status;
 }
 
