@@ -78,6 +78,13 @@ for level in -O0 -O2; do
         [ $level = -O2 ] || grep -q ':work entry 3$' "$work/quarl.blocks" ||
             fail "work runs once before the fork, once in the child, once after" ;;
     units) [ "$(grep -c ':helper entry' "$work/quarl.blocks")" -eq 3 ] || fail "three static helpers, three keys" ;;
+    cxx)
+        # Code after main runs before the profile is written: counted.
+        "$QUARL" profile show "$work/quarl$level.quarlprof" >"$work/table"
+        [ $level != -O0 ] || grep -qE '^ +1 .*Registry::~Registry\(\)$' "$work/table" ||
+            fail "the static destructor was not counted"
+        [ $level != -O0 ] || grep -qE '^ +1 .*at_exit_report\(\)$' "$work/table" ||
+            fail "the atexit handler was not counted" ;;
     control)
         grep -qx 'function main entry 2' "$work/quarl.blocks" || fail "two runs merged into one profile"
         # Above -O0, scaled() is inlined before counting.
