@@ -273,8 +273,8 @@ static void add_needs(Flow *flow, const Tree *tree, int forward, uint64_t *need)
  * zero on the way. Walking the paths one edge at a time is bounded by a
  * budget linear in the graph; deficits past it are carried all together in
  * one pass over the trees. Sets *repaired to the number of edges below
- * zero; returns 0 when memory runs out or such an edge lies on no cycle
- * through node 0. */
+ * zero; returns 0 when memory runs out, such an edge lies on no cycle
+ * through node 0, or counts near 2^64 leave one below zero all the same. */
 static int flow_repair(Flow *flow, uint32_t *repaired)
 {
     *repaired = 0;
@@ -312,6 +312,10 @@ static int flow_repair(Flow *flow, uint32_t *repaired)
         add_needs(flow, &to, 1, to_need);
         add_needs(flow, &from, 0, from_need);
     }
+    /* Counters near 2^64 (no run counts that far) can carry a sum past
+     * 2^63 again: such a record is damaged. */
+    for (uint32_t i = 0; ok && i < flow->num_edges; ++i)
+        ok = !is_negative(flow->edges[i].count);
     tree_release(&to);
     tree_release(&from);
     free(to_need);
