@@ -13,6 +13,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "quarl_profile.h"
@@ -250,6 +251,23 @@ static int add_counts(QuarlProfile *profile)
     return ok;
 }
 
+/* A profile named by a device or a pipe (/dev/null to discard the counts,
+ * a FIFO read by another process) gets this run's counts written straight
+ * to it: renaming a file over it would replace it. */
+static int write_in_place(const char *path)
+{
+    QuarlProfile profile = QUARL_PROFILE_INIT;
+    int ok = add_counts(&profile);
+    FILE *out = ok ? fopen(path, "wb") : NULL;
+    ok = out != NULL && quarl_profile_write(out, &profile);
+    if (out != NULL && fclose(out) != 0)
+        ok = 0;
+    if (!ok)
+        fprintf(stderr, "quarl: cannot write profile %s: %s\n", path, strerror(errno));
+    quarl_profile_release(&profile);
+    return ok;
+}
+
 /* Under the lock: the old profile (if any and readable) plus our counts, to
  * a temporary file renamed over the old one. */
 static int merge_into(const char *path)
@@ -284,6 +302,14 @@ int quarl_profile_dump(void)
     }
     snprintf(lock_path, sizeof lock_path, "%s.lock", path);
     pthread_mutex_lock(&g_lock);
+    struct stat status;
+    if (stat(path, &status) == 0 && !S_ISREG(status.st_mode)) {
+        int written = write_in_place(path);
+        if (written)
+            zero_counters();
+        pthread_mutex_unlock(&g_lock);
+        return written ? 0 : -1;
+    }
     int lock = open(lock_path, O_RDWR | O_CREAT | O_CLOEXEC, 0666);
     if (lock < 0 || flock(lock, LOCK_EX) != 0) {
         fprintf(stderr, "quarl: cannot lock %s: %s\n", lock_path, strerror(errno));

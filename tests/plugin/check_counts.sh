@@ -87,6 +87,15 @@ for level in -O0 -O2; do
             fail "the atexit handler was not counted" ;;
     control)
         grep -qx 'function main entry 2' "$work/quarl.blocks" || fail "two runs merged into one profile"
+        # A profile named by a pipe (or /dev/null) is written into it, and
+        # stays a pipe: no file is renamed over it.
+        rm -f "$work/pipe" && mkfifo "$work/pipe"
+        timeout 20 cat "$work/pipe" >"$work/from-pipe" &
+        QUARL_PROFILE_FILE=$work/pipe "$work/quarl" >/dev/null
+        wait
+        [ -p "$work/pipe" ] || fail "the profile replaced the pipe it was named by"
+        "$QUARL" profile show --blocks "$work/from-pipe" | grep -qx 'function main entry 1' ||
+            fail "the profile written into a pipe is not this run's" 
         # Above -O0, scaled() is inlined before counting.
         [ $level != -O0 ] || "$QUARL" profile show "$work/quarl$level.quarlprof" | grep -qE ' 1  .*:mix$' ||
             fail "mix() calls only functions that come back: one counter"
