@@ -3,6 +3,11 @@
 # script, which defines:
 #
 #   PACKAGE                  the Debian source package
+#   fetch_source             (optional) unpacks the source into $work/src
+#                            instead, for a program that is no Debian
+#                            source package
+#   patches                  (optional) an array of the package's Debian
+#                            patches to apply
 #   build DIR                builds the program in DIR (a fresh copy of the
 #                            source) with $CC, $CXX, $CFLAGS, $CXXFLAGS and
 #                            $LIBS (what to link into every program)
@@ -12,6 +17,7 @@
 #   workload DIR             the timed workload
 #   counted DIR              (optional) what is run for the block-count
 #                            check; the tests by default
+#   extra_checks             (optional) run after the block-count check
 #   counted_flags            (optional) compile flags for the builds whose
 #                            block counts are compared (what makes runs of
 #                            differently laid out binaries take the same
@@ -61,9 +67,14 @@ corpus_fetch() {
         (cd "$cache" && apt-get source -q --download-only "$PACKAGE" >/dev/null)
     fi
     mkdir -p "$work/src"
-    local tarball
+    local tarball patch
     tarball=$(ls "$cache/${PACKAGE}"_*.orig.tar.* | grep -v '\.asc$' | head -1)
     tar xf "$tarball" -C "$work/src" --strip-components=1
+    # The Debian patches the program's script names (patches=(...)).
+    if [ -n "${patches[*]:-}" ]; then
+        tar xf "$(ls "$cache/${PACKAGE}"_*.debian.tar.*)" -C "$work" debian/patches
+        for patch in "${patches[@]}"; do patch -s -d "$work/src" -p1 <"$work/debian/patches/$patch"; done
+    fi
 }
 
 # Builds variant NAME in $work/NAME with the given compile flags, linking
@@ -104,7 +115,7 @@ corpus_main() {
     local build_dir=${QUARL_BUILD:-$corpus_here/../../build} steps=${STEPS:-tests counts pgo}
     prepare "$(cd "$build_dir" && pwd)" bc clang-14 clang++-14 llvm-profdata-14
     echo "== $PACKAGE: fetching" >&2
-    corpus_fetch
+    if declare -F fetch_source >/dev/null; then fetch_source; else corpus_fetch; fi
     echo "== $PACKAGE: plain build and its tests" >&2
     instrumented_libs="$runtime -lpthread"
     corpus_build plain "" -O2
@@ -131,6 +142,7 @@ corpus_main() {
         echo "$PACKAGE $level: tests as plain; $blocks block counts equal the direct count" >&2
         counted_blocks[$level]=$blocks
     done
+    case " $steps " in *" counts "*) ! declare -F extra_checks >/dev/null || extra_checks ;; esac
     case " $steps " in *" pgo "*) corpus_pgo ;; esac
 }
 

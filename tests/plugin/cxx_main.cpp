@@ -90,6 +90,15 @@ int main()
         }
     }
     std::vector<std::unique_ptr<Shape>> shapes = make_shapes(40);
+    long picked = 0;
+    int missing = 0;
+    for (size_t index = 0; index < 40; index += 3) {
+        try {
+            picked += area_of(shapes, index);
+        } catch (const std::out_of_range &) {
+            ++missing;
+        }
+    }
     std::map<std::string, int> by_name;
     for (const auto &shape : shapes)
         by_name[shape->name()]++;
@@ -106,6 +115,7 @@ int main()
                 failures.size(), seen.size());
     std::printf("shapes %zu, area %ld, names %zu, at least 50: %d, limited %d\n", shapes.size(),
                 total_area(shapes), by_name.size(), count_at_least(counts, 50L), limited);
+    std::printf("picked %ld, missing %d\n", picked, missing);
     std::printf("registry has %zu names\n", registry.names.size());
     return 0;
 }

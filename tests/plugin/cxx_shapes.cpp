@@ -59,3 +59,11 @@ long total_area(const std::vector<std::unique_ptr<Shape>> &shapes) noexcept
         total += shape->area();
     return total;
 }
+
+// Throws across units: the caller in the other unit catches.
+long area_of(const std::vector<std::unique_ptr<Shape>> &shapes, size_t index)
+{
+    if (index >= shapes.size())
+        throw std::out_of_range("no shape " + std::to_string(index));
+    return shapes[index]->area();
+}

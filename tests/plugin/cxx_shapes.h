@@ -16,6 +16,7 @@ public:
 
 std::vector<std::unique_ptr<Shape>> make_shapes(int count);
 long total_area(const std::vector<std::unique_ptr<Shape>> &shapes) noexcept;
+long area_of(const std::vector<std::unique_ptr<Shape>> &shapes, size_t index);
 
 // Sums the values that pass Keep, and throws when the sum passes limit.
 template <typename T, typename Keep>

@@ -1,0 +1,56 @@
+#!/usr/bin/env bash
+# ninja (Debian source package ninja-build): C++ with STL containers and
+# virtual calls over several files, built with CMake. Tests: its own
+# ninja_test. Training: ninja_test; timed: a generated project of 6,000
+# compiles in 40 libraries (commands that only touch their outputs) planned
+# in full with -n, then built once and brought up to date again (no-op).
+set -euo pipefail
+PACKAGE=ninja-build
+source "$(dirname "$0")/common.sh"
+
+build() {
+    cmake -S . -B out -G "Unix Makefiles" -DCMAKE_BUILD_TYPE=None -DCMAKE_C_COMPILER="$CC" \
+        -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="$CXXFLAGS" -DCMAKE_C_FLAGS="$CFLAGS" \
+        -DCMAKE_CXX_STANDARD_LIBRARIES="$LIBS"
+    make -C out -j2 ninja ninja_test
+}
+run_tests() {
+    (cd "$1/out" && ./ninja_test >ninja_test.log 2>&1) || { tail -20 "$1/out/ninja_test.log"; return 1; }
+    tr '\r' '\n' <"$1/out/ninja_test.log" | tail -1
+}
+train() { (cd "$1/out" && ./ninja_test >/dev/null 2>&1); }
+
+# The generated project: each compile depends on its source and on four of
+# 50 headers; each library on its 150 objects; the program on every library.
+generate_project() { # DIR
+    mkdir -p "$1/src" "$1/include"
+    awk 'BEGIN {
+        print "rule cc\n  command = touch $out\n  description = CC $out"
+        print "rule ar\n  command = touch $out\n  description = AR $out"
+        print "rule link\n  command = touch $out"
+        for (lib = 0; lib < 40; ++lib) {
+            objects = ""
+            for (i = 0; i < 150; ++i) {
+                n = lib * 150 + i
+                printf "build obj/f%d.o: cc src/f%d.c | include/h%d.h include/h%d.h include/h%d.h include/h%d.h\n",
+                    n, n, n % 50, (n * 7) % 50, (n * 13) % 50, (n * 31) % 50
+                objects = objects " obj/f" n ".o"
+            }
+            print "build lib/lib" lib ".a: ar" objects
+            libraries = libraries " lib/lib" lib ".a"
+        }
+        print "build bin/program: link" libraries
+        print "default bin/program" }' >"$1/build.ninja"
+    (cd "$1/src" && seq 0 5999 | sed 's/^/f/; s/$/.c/' | xargs touch)
+    (cd "$1/include" && seq 0 49 | sed 's/^/h/; s/$/.h/' | xargs touch)
+}
+workload() {
+    local project=$1/project
+    [ -f "$project/build.ninja" ] || generate_project "$project"
+    rm -rf "$project/obj" "$project/lib" "$project/bin" "$project/.ninja_log"
+    for _ in 1 2 3; do "$1/out/ninja" -C "$project" -n >/dev/null; done
+    "$1/out/ninja" -C "$project" -j8 >/dev/null
+    for _ in 1 2 3 4 5; do "$1/out/ninja" -C "$project" >/dev/null; done
+}
+
+corpus_main
