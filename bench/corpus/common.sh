@@ -10,7 +10,9 @@
 #                            patches to apply
 #   build DIR                builds the program in DIR (a fresh copy of the
 #                            source) with $CC, $CXX, $CFLAGS, $CXXFLAGS and
-#                            $LIBS (what to link into every program)
+#                            $LIBS (what to link into every program, after
+#                            its objects) or $LDFLAGS (the same, to go
+#                            before them)
 #   run_tests DIR            runs the program's tests; prints their outcome
 #                            (what must be the same in every build)
 #   train DIR                the training workload
@@ -86,7 +88,11 @@ corpus_build() { # NAME LIBS FLAGS...
     cp -r "$work/src" "$work/$name"
     start=$(date +%s.%N)
     (
-        export CC="clang-14" CXX="clang++-14" CFLAGS="$*" CXXFLAGS="$*" LIBS="$libs"
+        # LDFLAGS: the libraries as linker flags, for build systems that put
+        # those before the objects (the runtime archive linked whole).
+        local ldflags=""
+        [ -z "$libs" ] || ldflags="-Wl,--whole-archive ${libs/ -lpthread/} -Wl,--no-whole-archive -lpthread"
+        export CC="clang-14" CXX="clang++-14" CFLAGS="$*" CXXFLAGS="$*" LIBS="$libs" LDFLAGS="$ldflags"
         [ "${NAIVE:-0}" = 1 ] && export QUARL_NAIVE_COUNTS=1
         cd "$work/$name" && build "$work/$name"
     ) >"$work/$name.build.log" 2>&1 || { tail -30 "$work/$name.build.log" >&2; echo "FAIL: $PACKAGE: build $name" >&2; exit 1; }

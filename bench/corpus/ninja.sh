@@ -11,7 +11,7 @@ source "$(dirname "$0")/common.sh"
 build() {
     cmake -S . -B out -G "Unix Makefiles" -DCMAKE_BUILD_TYPE=None -DCMAKE_C_COMPILER="$CC" \
         -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="$CXXFLAGS" -DCMAKE_C_FLAGS="$CFLAGS" \
-        -DCMAKE_CXX_STANDARD_LIBRARIES="$LIBS"
+        -DCMAKE_EXE_LINKER_FLAGS="$LDFLAGS"
     make -C out -j2 ninja ninja_test
 }
 run_tests() {

@@ -14,7 +14,7 @@ driver=$(cd "$(dirname "$0")/yaml-cpp" && pwd)/workload.cpp
 build() {
     cmake -S . -B out -G "Unix Makefiles" -DCMAKE_BUILD_TYPE=None -DCMAKE_C_COMPILER="$CC" \
         -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="$CXXFLAGS" -DCMAKE_C_FLAGS="$CFLAGS" \
-        -DCMAKE_CXX_STANDARD_LIBRARIES="$LIBS" -DYAML_CPP_BUILD_TESTS=ON -DYAML_CPP_BUILD_TOOLS=OFF
+        -DCMAKE_EXE_LINKER_FLAGS="$LDFLAGS" -DYAML_CPP_BUILD_TESTS=ON -DYAML_CPP_BUILD_TOOLS=OFF
     make -C out -j2 yaml-cpp yaml-cpp-tests
     # shellcheck disable=SC2086
     $CXX $CXXFLAGS -Iinclude "$driver" out/libyaml-cpp.a $LIBS -o out/workload
