@@ -84,8 +84,11 @@ corpus_fetch() {
 corpus_build() { # NAME LIBS FLAGS...
     local name=$1 libs=$2 start end
     shift 2
-    rm -rf "$work/$name"
-    cp -r "$work/src" "$work/$name"
+    # Every variant is built at one path, then moved: the keys of internal
+    # functions hold their source file's path, which build systems such as
+    # CMake give absolute, and the builds' profiles must name them alike.
+    rm -rf "$work/$name" "$work/tree"
+    cp -r "$work/src" "$work/tree"
     start=$(date +%s.%N)
     (
         # LDFLAGS: the libraries as linker flags, for build systems that put
@@ -94,9 +97,10 @@ corpus_build() { # NAME LIBS FLAGS...
         [ -z "$libs" ] || ldflags="-Wl,--whole-archive ${libs/ -lpthread/} -Wl,--no-whole-archive -lpthread"
         export CC="clang-14" CXX="clang++-14" CFLAGS="$*" CXXFLAGS="$*" LIBS="$libs" LDFLAGS="$ldflags"
         [ "${NAIVE:-0}" = 1 ] && export QUARL_NAIVE_COUNTS=1
-        cd "$work/$name" && build "$work/$name"
+        cd "$work/tree" && build "$work/tree"
     ) >"$work/$name.build.log" 2>&1 || { tail -30 "$work/$name.build.log" >&2; echo "FAIL: $PACKAGE: build $name" >&2; exit 1; }
     end=$(date +%s.%N)
+    mv "$work/tree" "$work/$name"
     compile_time[$name]=$(echo "$end - $start" | bc)
     grep -c 'warning: .*quarl' "$work/$name.build.log" >"$work/$name.warnings" || true
 }
