@@ -93,6 +93,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
         for (uint32_t i = 0; i < profile.count; ++i)
             FUZZ_CHECK(quarl_profile_add(&doubled, &profile.functions[i]));
     FUZZ_CHECK(doubled.count <= profile.count);
+    // Added as one program, twice: every record of the file keeps a place.
+    QuarlProfile batched = QUARL_PROFILE_INIT;
+    for (int round = 0; round < 2; ++round)
+        FUZZ_CHECK(quarl_profile_add_all(&batched, profile.functions, profile.count));
+    FUZZ_CHECK(batched.count <= profile.count);
+    quarl_profile_release(&batched);
     quarl_profile_release(&doubled);
     quarl_profile_release(&reread);
     quarl_profile_release(&profile);

@@ -85,8 +85,12 @@ bool recordFits(const QuarlProfileFunction &Record, const RoutineGraph &Plan, co
            std::equal(Placed.Words.begin(), Placed.Words.end(), Record.words);
 }
 
-bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysisManager &FAM,
-                const CalleeFacts &Facts, FunctionCounts &Out)
+// The function's records: one, or one per shape its copies took in the
+// files of the training build (inline functions and templates).
+using Records = SmallVector<const QuarlProfileFunction *, 1>;
+
+bool readCounts(Function &F, const Records &Candidates, FunctionAnalysisManager &FAM, const CalleeFacts &Facts,
+                FunctionCounts &Out)
 {
     RoutineGraph Plan = planFunction(F, FAM, Facts);
     Placement Placed;
@@ -94,11 +98,18 @@ bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysi
         warn(F, "no counter placement found; compiled without profile");
         return false;
     }
-    if (Record.flags & QUARL_PROFILE_DIRECT_COUNTS) {
+    const QuarlProfileFunction *Fitting = nullptr;
+    bool Direct = false;
+    for (const QuarlProfileFunction *Candidate : Candidates) {
+        Direct |= (Candidate->flags & QUARL_PROFILE_DIRECT_COUNTS) != 0;
+        if (!Fitting && recordFits(*Candidate, Plan, Placed))
+            Fitting = Candidate;
+    }
+    if (!Fitting && Direct) {
         warn(F, "the profile holds direct block counts (a test build); compiled without profile");
         return false;
     }
-    if (!recordFits(Record, Plan, Placed)) {
+    if (!Fitting) {
         // An inline function or template has a copy in every unit that
         // uses it, and the profile holds the one the linker kept; the front
         // end may have given this unit's copy another graph (calls without
@@ -109,6 +120,7 @@ bool readCounts(Function &F, const QuarlProfileFunction &Record, FunctionAnalysi
                     "compiled without profile");
         return false;
     }
+    const QuarlProfileFunction &Record = *Fitting;
     QuarlProfileEdge *Raw = nullptr;
     uint32_t NumEdges = 0;
     if (!quarl_profile_edge_counts(&Record, &Raw, &NumEdges, nullptr)) {
@@ -253,9 +265,9 @@ PreservedAnalyses QuarlProfileUsePass::run(Module &M, ModuleAnalysisManager &MAM
             Path.c_str(), Twine("quarl: ") + Error + "; compiling without profile", DS_Warning));
         return PreservedAnalyses::all();
     }
-    StringMap<const QuarlProfileFunction *> ByKey;
+    StringMap<Records> ByKey;
     for (uint32_t I = 0; I < Profile->count; ++I)
-        ByKey[Profile->functions[I].key] = &Profile->functions[I];
+        ByKey[Profile->functions[I].key].push_back(&Profile->functions[I]);
 
     // Every function's graph is placed before any attribute changes: the
     // static estimate of a caller looks at its callees' attributes, and
@@ -268,7 +280,7 @@ PreservedAnalyses QuarlProfileUsePass::run(Module &M, ModuleAnalysisManager &MAM
         if (Found == ByKey.end())
             continue; // not in the profile: compiled as without one
         FunctionCounts Counts;
-        if (readCounts(*F, *Found->second, FAM, Facts, Counts))
+        if (readCounts(*F, Found->second, FAM, Facts, Counts))
             Annotated.push_back(std::move(Counts));
     }
     M.setProfileSummary(summarise(*Profile)->getMD(M.getContext()), ProfileSummary::PSK_Instr);

@@ -361,29 +361,70 @@ static int add_into(QuarlProfileFunction *existing, const QuarlProfileFunction *
     return 1;
 }
 
+static int by_key_of_function(const void *a, const void *b)
+{
+    return strcmp((*(const QuarlProfileFunction *const *)a)->key, (*(const QuarlProfileFunction *const *)b)->key);
+}
+
+/* True when the batch (sorted by key) has functions of the record's key,
+ * none of them of its shape: the record was made from other code. */
+static int replaced_by(const QuarlProfileFunction *record, const QuarlProfileFunction **sorted, uint32_t count)
+{
+    uint32_t low = 0, high = count;
+    while (low < high) { /* the first function whose key is not below the record's */
+        uint32_t middle = low + (high - low) / 2;
+        if (strcmp(sorted[middle]->key, record->key) < 0)
+            low = middle + 1;
+        else
+            high = middle;
+    }
+    int has_key = 0;
+    for (uint32_t i = low; i < count && strcmp(sorted[i]->key, record->key) == 0; ++i) {
+        has_key = 1;
+        if (same_shape(sorted[i], record))
+            return 0;
+    }
+    return has_key;
+}
+
+int quarl_profile_add_all(QuarlProfile *profile, const QuarlProfileFunction *functions, uint32_t count)
+{
+    const QuarlProfileFunction **sorted = malloc(sizeof *sorted * count + 1);
+    if (sorted == NULL)
+        return 0;
+    for (uint32_t i = 0; i < count; ++i)
+        sorted[i] = &functions[i];
+    qsort(sorted, count, sizeof *sorted, by_key_of_function);
+    int ok = 1;
+    for (uint32_t f = 0; ok && f < count; ++f) {
+        const QuarlProfileFunction *function = &functions[f];
+        QuarlProfileFunction *same = NULL;
+        for (uint32_t i = 0; same == NULL && i < profile->count; ++i)
+            if (strcmp(profile->functions[i].key, function->key) == 0 && same_shape(&profile->functions[i], function))
+                same = &profile->functions[i];
+        QuarlProfileFunction copy;
+        if (same != NULL)
+            ok = add_into(same, function);
+        else if ((ok = copy_function(&copy, function)) && !(ok = append(profile, &copy)))
+            release_function(&copy);
+    }
+    /* Then what the batch replaces: records of its keys in no shape of it. */
+    uint32_t kept = 0;
+    for (uint32_t i = 0; ok && i < profile->count; ++i) {
+        if (replaced_by(&profile->functions[i], sorted, count))
+            release_function(&profile->functions[i]);
+        else
+            profile->functions[kept++] = profile->functions[i];
+    }
+    if (ok)
+        profile->count = kept;
+    free(sorted);
+    return ok;
+}
+
 int quarl_profile_add(QuarlProfile *profile, const QuarlProfileFunction *function)
 {
-    for (uint32_t i = 0; i < profile->count; ++i) {
-        QuarlProfileFunction *existing = &profile->functions[i];
-        if (strcmp(existing->key, function->key) != 0)
-            continue;
-        if (same_shape(existing, function))
-            return add_into(existing, function);
-        QuarlProfileFunction copy;
-        if (!copy_function(&copy, function))
-            return 0;
-        release_function(existing);
-        *existing = copy;
-        return 1;
-    }
-    QuarlProfileFunction copy;
-    if (!copy_function(&copy, function))
-        return 0;
-    if (!append(profile, &copy)) {
-        release_function(&copy);
-        return 0;
-    }
-    return 1;
+    return quarl_profile_add_all(profile, function, 1);
 }
 
 static int put_u32(FILE *out, uint32_t value)

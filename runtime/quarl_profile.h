@@ -80,11 +80,22 @@ int quarl_profile_read_file(const char *path, QuarlProfile *profile, char *error
 /* Adds one function's counts: to the record with the same key, checksum and
  * shape (value sites of the same kinds included), whose counters are summed
  * (modulo 2^64) and whose sites' values are merged, keeping the most
- * frequent QUARL_PROFILE_MAX_SITE_VALUES of each; a record of that key with
- * another checksum or shape was made from other code and is replaced;
- * otherwise the function is appended. The function's arrays are copied.
- * Returns 0 when memory runs out (the profile is unchanged). */
+ * frequent QUARL_PROFILE_MAX_SITE_VALUES of each; records of that key with
+ * another checksum or shape were made from other code and are replaced by
+ * it; otherwise the function is appended. The function's arrays are
+ * copied. Returns 0 when memory runs out (the profile is unchanged). */
 int quarl_profile_add(QuarlProfile *profile, const QuarlProfileFunction *function);
+
+/* Adds the counts of a whole program's functions (or a whole profile's
+ * records) at once. A key may come with several shapes: an inline function
+ * or template is compiled into every file that uses it, not always to the
+ * same graph, and each file's copy counts on its own. Each function is
+ * added to the record of its key and shape, or appended; a key's records
+ * whose shape none of the batch's functions of that key has were made from
+ * other code and are dropped. Returns 0 when memory runs out, when the
+ * profile may hold part of the counts (a batch of one: the profile is
+ * unchanged). */
+int quarl_profile_add_all(QuarlProfile *profile, const QuarlProfileFunction *functions, uint32_t count);
 
 /* Writes the profile; returns 1, or 0 when a write fails. */
 int quarl_profile_write(FILE *out, const QuarlProfile *profile);

@@ -213,39 +213,41 @@ static const char **keys_that_ran(size_t *count)
 
 static int add_counts(QuarlProfile *profile)
 {
-    /* One scratch area for the sites of every function, sized by the
-     * largest; quarl_profile_add copies what it keeps. */
-    uint32_t most_sites = 0;
+    size_t num_targets = 0, num_ran = 0, num_functions = 0, num_sites = 0;
     for (QuarlRtModule *m = g_modules; m != NULL; m = m->next)
-        for (uint32_t f = 0; f < m->num_functions; ++f)
-            if (m->functions[f].num_sites > most_sites)
-                most_sites = m->functions[f].num_sites;
-    size_t num_targets = 0, num_ran = 0;
+        for (uint32_t f = 0; f < m->num_functions; ++f) {
+            num_functions++;
+            num_sites += m->functions[f].num_sites;
+        }
     QuarlRtTarget *targets = all_targets(&num_targets);
     const char **ran = keys_that_ran(&num_ran);
-    QuarlProfileSite *sites = malloc((size_t)most_sites * sizeof *sites + 1);
-    QuarlProfileValue *values = malloc((size_t)most_sites * QUARL_RT_SITE_VALUES * sizeof *values + 1);
-    int ok = targets != NULL && ran != NULL && sites != NULL && values != NULL;
+    QuarlProfileFunction *functions = malloc(num_functions * sizeof *functions + 1);
+    QuarlProfileSite *sites = malloc(num_sites * sizeof *sites + 1);
+    QuarlProfileValue *values = malloc(num_sites * QUARL_RT_SITE_VALUES * sizeof *values + 1);
+    int ok = targets != NULL && ran != NULL && functions != NULL && sites != NULL && values != NULL;
+    uint32_t count = 0;
+    size_t site_at = 0;
     for (QuarlRtModule *m = g_modules; ok && m != NULL; m = m->next)
-        for (uint32_t f = 0; ok && f < m->num_functions; ++f) {
+        for (uint32_t f = 0; f < m->num_functions; ++f) {
             const QuarlRtFunction *rt = &m->functions[f];
             /* An inline function or template is in every module that uses
-             * it, and the linker keeps one copy: the others never run, and
-             * their graphs may differ (a front end that knows a callee does
-             * not throw calls it without a landing pad). Such a copy must
-             * not replace the counts of the one that ran. */
+             * it: copies of it that never ran, when another did (the linker
+             * kept that one, and the others were not inlined anywhere), tell
+             * nothing and are left out. */
             if (!function_ran(rt) && bsearch(&rt->key, ran, num_ran, sizeof *ran, by_key) != NULL)
                 continue;
-            for (uint32_t i = 0; i < rt->num_sites; ++i)
-                site_values(&rt->sites[i], &sites[i], values + (size_t)i * QUARL_RT_SITE_VALUES, targets,
+            QuarlProfileSite *own = sites + site_at;
+            for (uint32_t i = 0; i < rt->num_sites; ++i, ++site_at)
+                site_values(&rt->sites[i], &sites[site_at], values + site_at * QUARL_RT_SITE_VALUES, targets,
                             num_targets);
-            QuarlProfileFunction function = {(char *)rt->key, rt->checksum, rt->flags, rt->num_blocks,
-                                             rt->num_nodes, rt->num_words, rt->num_counters,
-                                             (uint32_t *)rt->words, rt->counters, rt->num_sites, sites};
-            ok = quarl_profile_add(profile, &function);
+            functions[count++] = (QuarlProfileFunction){(char *)rt->key, rt->checksum, rt->flags, rt->num_blocks,
+                                                        rt->num_nodes, rt->num_words, rt->num_counters,
+                                                        (uint32_t *)rt->words, rt->counters, rt->num_sites, own};
         }
+    ok = ok && quarl_profile_add_all(profile, functions, count);
     free(targets);
     free(ran);
+    free(functions);
     free(sites);
     free(values);
     return ok;

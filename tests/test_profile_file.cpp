@@ -2,6 +2,7 @@
 // 1 files, merging of counters and values, and damaged value sites.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <string>
@@ -185,6 +186,61 @@ TEST(ProfileFile, MergingSumsValuesAndKeepsTheMostFrequent)
     ASSERT_EQ(profile.count, 1u);
     EXPECT_EQ(profile.functions[0].sites[0].kind, QUARL_VALUE_MEMOP_SIZE);
     EXPECT_EQ(profile.functions[0].counters[0], 7u);
+    quarl_profile_release(&profile);
+}
+
+// A program's records added at once: copies of one function compiled to
+// other shapes in other files are kept side by side, copies of one shape
+// summed; a later program's set of shapes for a key replaces the earlier
+// set where they differ (the code changed), keys it lacks stay.
+TEST(ProfileFile, AddingAProgramKeepsEveryShapeOfAFunction)
+{
+    struct Shape {
+        const char *key;
+        uint32_t word; // the shape: records of one key differ in their words
+        uint64_t counter;
+    };
+    auto add_all = [](QuarlProfile *profile, std::vector<Shape> shapes) {
+        std::vector<uint32_t> words;
+        std::vector<uint64_t> counters;
+        for (const Shape &shape : shapes) {
+            words.push_back(shape.word);
+            counters.push_back(shape.counter);
+        }
+        std::vector<QuarlProfileFunction> functions;
+        for (size_t i = 0; i < shapes.size(); ++i)
+            functions.push_back({const_cast<char *>(shapes[i].key), shapes[i].word, 0, 1, 3, 1, 1, &words[i],
+                                 &counters[i], 0, nullptr});
+        return quarl_profile_add_all(profile, functions.data(), uint32_t(functions.size()));
+    };
+    auto contents = [](const QuarlProfile &profile) {
+        std::vector<std::string> out;
+        for (uint32_t i = 0; i < profile.count; ++i)
+            out.push_back(std::string(profile.functions[i].key) + "/" + std::to_string(profile.functions[i].words[0]) +
+                          "=" + std::to_string(profile.functions[i].counters[0]));
+        std::sort(out.begin(), out.end());
+        return out;
+    };
+    QuarlProfile profile = QUARL_PROFILE_INIT;
+    // Two files' copies of "inline" took shape 1, a third file's shape 2.
+    ASSERT_EQ(add_all(&profile, {{"inline", 1, 5}, {"main", 9, 1}, {"inline", 2, 7}, {"inline", 1, 6}}), 1);
+    EXPECT_EQ(contents(profile), (std::vector<std::string>{"inline/1=11", "inline/2=7", "main/9=1"}));
+    // The same program again: every shape summed.
+    ASSERT_EQ(add_all(&profile, {{"inline", 2, 1}, {"inline", 1, 1}, {"main", 9, 1}}), 1);
+    EXPECT_EQ(contents(profile), (std::vector<std::string>{"inline/1=12", "inline/2=8", "main/9=2"}));
+    // A rebuilt program whose copies all took shape 3, and no main: shapes
+    // 1 and 2 were other code; main's record stays.
+    ASSERT_EQ(add_all(&profile, {{"inline", 3, 4}}), 1);
+    EXPECT_EQ(contents(profile), (std::vector<std::string>{"inline/3=4", "main/9=2"}));
+    // One record added on its own replaces every other shape of its key.
+    ASSERT_EQ(add_all(&profile, {{"inline", 1, 1}, {"inline", 2, 1}}), 1);
+    Record single({}, {}, {});
+    single.function.key = const_cast<char *>("inline");
+    single.function.num_words = 1;
+    single.function.checksum = 2;
+    single.words[0] = 2;
+    ASSERT_EQ(quarl_profile_add(&profile, &single.function), 1);
+    EXPECT_EQ(contents(profile), (std::vector<std::string>{"inline/2=8", "main/9=2"}));
     quarl_profile_release(&profile);
 }
 

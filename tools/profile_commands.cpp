@@ -43,8 +43,8 @@ const char profile_help[] =
     "               only the function NAME (its key, its symbol or its\n"
     "               demangled name)\n"
     "  merge        adds the counts of every IN into OUT (records of the same\n"
-    "               function and code are summed; a record made from other code\n"
-    "               is replaced by the later one)\n";
+    "               function and code are summed; a function's records made\n"
+    "               from other code are replaced by the later IN's)\n";
 
 struct ProfileDeleter {
     void operator()(QuarlProfile *profile) const
@@ -234,11 +234,10 @@ int merge(const std::string &out_path, const std::vector<std::string> &inputs)
             status = status_bad_data;
             break;
         }
-        for (uint32_t i = 0; i < profile->count && status == status_ok; ++i)
-            if (!quarl_profile_add(&merged, &profile->functions[i])) {
-                report_error("out of memory");
-                status = status_bad_data;
-            }
+        if (!quarl_profile_add_all(&merged, profile->functions, profile->count)) {
+            report_error("out of memory");
+            status = status_bad_data;
+        }
     }
     if (status == status_ok) {
         FILE *out = fopen(out_path.c_str(), "wb");
