@@ -126,6 +126,10 @@ corpus_main() {
     prepare "$(cd "$build_dir" && pwd)" bc clang-14 clang++-14 llvm-profdata-14
     echo "== $PACKAGE: fetching" >&2
     if declare -F fetch_source >/dev/null; then fetch_source; else corpus_fetch; fi
+    local libstdcxx
+    libstdcxx=$(clang++-14 -print-file-name=libstdc++.so)
+    nm -D --defined-only "$(readlink -f "$libstdcxx")" 2>/dev/null | awk '{ sub(/@.*/, "", $NF); print $NF }' |
+        sort -u >"$work/shared-symbols"
     echo "== $PACKAGE: plain build and its tests" >&2
     instrumented_libs="$runtime -lpthread"
     corpus_build plain "" -O2
@@ -144,12 +148,23 @@ corpus_main() {
         for variant in quarl naive; do
             rm -f "$work/$variant$level.counted.quarlprof"
             corpus_counted "$variant$level" "$work/$variant$level.counted.quarlprof"
-            "$quarl" profile show --blocks "$work/$variant$level.counted.quarlprof" >"$work/$variant$level.blocks"
+            "$quarl" profile show --blocks "$work/$variant$level.counted.quarlprof" >"$work/$variant$level.all-blocks"
+            # A function that the shared C++ library defines too (an inline
+            # member of std::string, say) runs as the program's copy where
+            # the linker kept one, and as the library's own elsewhere, for
+            # the library's calls too; which depends on inlining, which the
+            # direct count's larger increments change. Such functions are
+            # left out of the comparison.
+            awk 'NR == FNR { shared[$1] = 1; next } /^function / { skip = ($2 in shared) } !skip' \
+                "$work/shared-symbols" "$work/$variant$level.all-blocks" >"$work/$variant$level.blocks"
         done
+        left_out=$(grep -c '^function' "$work/quarl$level.all-blocks" || true)
+        left_out=$((left_out - $(grep -c '^function' "$work/quarl$level.blocks" || true)))
         diff -u "$work/naive$level.blocks" "$work/quarl$level.blocks" >"$work/counts$level.diff" ||
             { head -40 "$work/counts$level.diff" >&2; echo "FAIL: $PACKAGE $level: block counts differ from the direct count" >&2; exit 1; }
         blocks=$(grep -c '^  block' "$work/quarl$level.blocks")
-        echo "$PACKAGE $level: tests as plain; $blocks block counts equal the direct count" >&2
+        echo "$PACKAGE $level: tests as plain; $blocks block counts equal the direct count" \
+            "($left_out functions that libstdc++ defines too left out)" >&2
         counted_blocks[$level]=$blocks
     done
     case " $steps " in *" counts "*) ! declare -F extra_checks >/dev/null || extra_checks ;; esac
