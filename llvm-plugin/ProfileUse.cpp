@@ -11,7 +11,6 @@
 #include <memory>
 
 #include "llvm/ADT/DenseMap.h"
-#include "llvm/ADT/SmallPtrSet.h"
 #include "llvm/ADT/StringMap.h"
 #include "llvm/Analysis/ProfileSummaryInfo.h"
 #include "llvm/IR/CFG.h"
@@ -111,10 +110,10 @@ bool readCounts(Function &F, const Records &Candidates, FunctionAnalysisManager 
     }
     if (!Fitting) {
         // An inline function or template has a copy in every unit that
-        // uses it, and the profile holds the one the linker kept; the front
-        // end may have given this unit's copy another graph (calls without
-        // landing pads to callees it saw do not throw). As with LLVM's own
-        // profiles, that is no cause for a warning.
+        // uses it, and the profile a record for each shape of copy that
+        // ran; the front end may have given this unit's copy a shape of its
+        // own (calls without landing pads to callees it saw do not throw).
+        // As with LLVM's own profiles, that is no cause for a warning.
         if (!F.hasLinkOnceLinkage() && !F.hasWeakLinkage())
             warn(F, "the profile was made from other code (the source or the compiler flags changed); "
                     "compiled without profile");
