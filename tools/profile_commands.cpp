@@ -186,7 +186,11 @@ int show(const std::string &path, ShowForm form, const std::string &function)
         return status_bad_data;
     }
     if (form != ShowForm::Table) {
-        std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) { return a.key < b.key; });
+        // A function whose copies took several shapes has a record each:
+        // by checksum, so that the order does not depend on the file's.
+        std::sort(rows.begin(), rows.end(), [](const Row &a, const Row &b) {
+            return a.key != b.key ? a.key < b.key : a.record->checksum < b.record->checksum;
+        });
         std::unordered_map<uint64_t, std::string> key_of_hash;
         for (uint32_t i = 0; form == ShowForm::Values && i < profile->count; ++i)
             key_of_hash[quarl_profile_key_hash(profile->functions[i].key)] = profile->functions[i].key;
