@@ -9,7 +9,9 @@
 #   patches                  (optional) an array of the package's Debian
 #                            patches to apply
 #   build DIR                builds the program in DIR (a fresh copy of the
-#                            source) with $CC, $CXX, $CFLAGS, $CXXFLAGS and
+#                            source; its commands chained with &&, since a
+#                            failure is not caught otherwise)
+#                            with $CC, $CXX, $CFLAGS, $CXXFLAGS and
 #                            $LIBS (what to link into every program, after
 #                            its objects) or $LDFLAGS (the same, to go
 #                            before them)
@@ -181,7 +183,9 @@ corpus_pgo() {
     llvm-profdata-14 merge -o "$work/train.profdata" "$work"/train-*.profraw
     QUARL_PROFILE_FILE=$work/train.quarlprof train "$work/quarl-O2" >/dev/null 2>&1
     corpus_build clang-use "" -O2 -fprofile-use="$work/train.profdata"
-    corpus_build quarl-use "" -O2 -fplugin="$plugin" -fpass-plugin="$plugin" -mllvm -quarl-profile-use="$work/train.quarlprof"
+    # The profile named in the environment: -mllvm options reach the
+    # assembler of .S files too, which loads no plugin and rejects them.
+    QUARL_PROFILE_USE=$work/train.quarlprof corpus_build quarl-use "" -O2 -fpass-plugin="$plugin"
     corpus_tests clang-use
     corpus_tests quarl-use
     local runs=${RUNS:-10}

@@ -11,8 +11,8 @@ source "$(dirname "$0")/common.sh"
 build() {
     cmake -S . -B out -G "Unix Makefiles" -DCMAKE_BUILD_TYPE=None -DCMAKE_C_COMPILER="$CC" \
         -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="$CXXFLAGS" -DCMAKE_C_FLAGS="$CFLAGS" \
-        -DCMAKE_EXE_LINKER_FLAGS="$LDFLAGS"
-    make -C out -j2 ninja ninja_test
+        -DCMAKE_EXE_LINKER_FLAGS="$LDFLAGS" &&
+        make -C out -j2 ninja ninja_test
 }
 run_tests() {
     (cd "$1/out" && ./ninja_test >ninja_test.log 2>&1) || { tail -20 "$1/out/ninja_test.log"; return 1; }

@@ -16,9 +16,9 @@ fetch_source() {
 }
 build() {
     # shellcheck disable=SC2086
-    $CC $CFLAGS -c sqlite3.c -o sqlite3.o
-    # shellcheck disable=SC2086
-    $CC $CFLAGS -I. "$workload_source" sqlite3.o $LIBS -lpthread -ldl -lm -o workload
+    $CC $CFLAGS -c sqlite3.c -o sqlite3.o &&
+        # shellcheck disable=SC2086
+        $CC $CFLAGS -I. "$workload_source" sqlite3.o $LIBS -lpthread -ldl -lm -o workload
 }
 run_tests() { "$1/workload" 1; }
 train() { "$1/workload" 3; }

@@ -14,10 +14,10 @@ driver=$(cd "$(dirname "$0")/yaml-cpp" && pwd)/workload.cpp
 build() {
     cmake -S . -B out -G "Unix Makefiles" -DCMAKE_BUILD_TYPE=None -DCMAKE_C_COMPILER="$CC" \
         -DCMAKE_CXX_COMPILER="$CXX" -DCMAKE_CXX_FLAGS="$CXXFLAGS" -DCMAKE_C_FLAGS="$CFLAGS" \
-        -DCMAKE_EXE_LINKER_FLAGS="$LDFLAGS" -DYAML_CPP_BUILD_TESTS=ON -DYAML_CPP_BUILD_TOOLS=OFF
-    make -C out -j2 yaml-cpp yaml-cpp-tests
-    # shellcheck disable=SC2086
-    $CXX $CXXFLAGS -Iinclude "$driver" out/libyaml-cpp.a $LIBS -o out/workload
+        -DCMAKE_EXE_LINKER_FLAGS="$LDFLAGS" -DYAML_CPP_BUILD_TESTS=ON -DYAML_CPP_BUILD_TOOLS=OFF &&
+        make -C out -j2 yaml-cpp yaml-cpp-tests &&
+        # shellcheck disable=SC2086
+        $CXX $CXXFLAGS -Iinclude "$driver" out/libyaml-cpp.a $LIBS -o out/workload
 }
 run_tests() {
     (cd "$1/out" && test/yaml-cpp-tests >tests.log 2>&1) || { tail -20 "$1/out/tests.log"; return 1; }

@@ -13,9 +13,9 @@ source "$(dirname "$0")/common.sh"
 
 build() {
     local options=(HAVE_ZLIB=0 HAVE_LZMA=0 HAVE_LZ4=0)
-    LDFLAGS="$CFLAGS" LDLIBS="$LIBS" make -j2 -C programs zstd "${options[@]}"
-    # The generator of test data is no part of what is measured.
-    CC=clang-14 CFLAGS=-O2 make -C tests datagen "${options[@]}"
+    LDFLAGS="$CFLAGS" LDLIBS="$LIBS" make -j2 -C programs zstd "${options[@]}" &&
+        # The generator of test data is no part of what is measured.
+        CC=clang-14 CFLAGS=-O2 make -C tests datagen "${options[@]}"
 }
 run_tests() {
     (cd "$1/tests" && ZSTD_BIN=../programs/zstd DATAGEN_BIN=./datagen ./playTests.sh >playTests.log 2>&1) ||
