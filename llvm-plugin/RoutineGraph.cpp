@@ -24,6 +24,8 @@ const uint64_t CostCap = uint64_t{1} << 60;
 
 int64_t capped(uint64_t Cost) { return int64_t(Cost < CostCap ? Cost : CostCap); }
 
+bool hasReturnsTwiceAttr(const CallBase &Call) { return Call.hasFnAttr(Attribute::ReturnsTwice); }
+
 // fork and vfork (declared here, defined by the C library).
 bool isFork(const Function &Callee)
 {
@@ -52,7 +54,7 @@ struct Planner {
 
     void addVirtual(uint32_t Src, uint32_t Dest)
     {
-        add({Src, Dest, EdgeKind::Virtual, nullptr, nullptr, nullptr, NeverCounted, true});
+        add({Src, Dest, EdgeKind::Virtual, nullptr, nullptr, NeverCounted, true});
     }
 
     // The block's stretches, split after each call that may leave or return
@@ -79,7 +81,7 @@ struct Planner {
                 addVirtual(PseudoEntry, Returned);
             }
             uint32_t Next = Graph.NumNodes++;
-            add({Returned, Next, EdgeKind::AfterCall, nullptr, nullptr, Call, capped(frequency(&BB)), false});
+            add({Returned, Next, EdgeKind::AfterCall, nullptr, Call, capped(frequency(&BB)), false});
             if (Leaves)
                 addVirtual(Stretch, PseudoExit);
             Stretch = Next;
@@ -88,7 +90,7 @@ struct Planner {
         if (auto *Invoke = dyn_cast<InvokeInst>(Term); Invoke && mayLeaveMidBlock(*Invoke, Facts))
             addVirtual(Stretch, PseudoExit);
         if (succ_empty(&BB)) { // ret, resume, unreachable
-            add({Stretch, PseudoExit, EdgeKind::Return, &BB, nullptr, nullptr,
+            add({Stretch, PseudoExit, EdgeKind::Return, &BB, nullptr,
                  capped(frequency(&BB)), true});
             return;
         }
@@ -115,7 +117,7 @@ struct Planner {
                 Dest = Graph.NumNodes++;
                 addVirtual(Dest, NodeOf[Succ]);
             }
-            add({Stretch, Dest, EdgeKind::Branch, &BB, Succ, nullptr,
+            add({Stretch, Dest, EdgeKind::Branch, &BB, nullptr,
                  branchCanBeCounted(BB, I) ? capped(Cost) : NeverCounted, false, I});
         }
     }
@@ -278,8 +280,6 @@ bool mayLeaveMidBlock(const CallBase &Call, const CalleeFacts &Facts)
     return UnwindsOut || !Facts.comesBack(Call);
 }
 
-bool hasReturnsTwiceAttr(const CallBase &Call) { return Call.hasFnAttr(Attribute::ReturnsTwice); }
-
 bool CalleeFacts::returnsTwice(const CallBase &Call) const
 {
     if (hasReturnsTwiceAttr(Call))
@@ -306,7 +306,7 @@ RoutineGraph planRoutine(Function &F, const BlockFrequencyInfo *BFI, const Branc
     for (BasicBlock &BB : F)
         P.NodeOf[&BB] = 2 + P.Graph.NumBlocks++;
     P.Graph.NumNodes = 2 + P.Graph.NumBlocks;
-    P.add({PseudoEntry, 2, EdgeKind::FunctionEntry, &F.getEntryBlock(), nullptr, nullptr,
+    P.add({PseudoEntry, 2, EdgeKind::FunctionEntry, &F.getEntryBlock(), nullptr,
            capped(P.frequency(&F.getEntryBlock())), true});
     for (BasicBlock &BB : F)
         P.planBlock(BB);

@@ -43,11 +43,10 @@ struct PlannedEdge {
     uint32_t Src, Dest;
     EdgeKind Kind;
     llvm::BasicBlock *From = nullptr;  // Branch, Return: the IR block
-    llvm::BasicBlock *To = nullptr;    // Branch: the successor
     llvm::Instruction *Call = nullptr; // AfterCall: the call
     int64_t Cost = 0;
     bool Pseudo = false;
-    unsigned SuccIndex = 0; // Branch: To's index among From's successors
+    unsigned SuccIndex = 0; // Branch: the successor's index in From's terminator
 };
 
 struct RoutineGraph {
@@ -92,7 +91,6 @@ private:
 // True when control may leave the function inside the call (exit, longjmp,
 // an exception with no landing pad here).
 bool mayLeaveMidBlock(const llvm::CallBase &Call, const CalleeFacts &Facts);
-bool hasReturnsTwiceAttr(const llvm::CallBase &Call);
 
 // True when code can go on the edge to successor SuccIndex of From's
 // terminator: not out of indirectbr or callbr, whose edges cannot be split,
