@@ -11,6 +11,8 @@ prepare() { # BUILD_DIR TOOL...
         command -v "$tool" >/dev/null || { echo "needs $tool" >&2; exit 2; }
     done
     plugin=$build/llvm-plugin/quarl_llvm.so runtime=$build/runtime/libquarl_rt.a quarl=$build/tools/quarl
+    # The runtime is linked whole: instrumented code refers to it weakly.
+    runtime_link=(-Wl,--whole-archive "$runtime" -Wl,--no-whole-archive)
     for needed in "$plugin" "$runtime" "$quarl"; do
         [ -e "$needed" ] || { echo "missing $needed: build Quarl with LLVM 14 first" >&2; exit 2; }
     done

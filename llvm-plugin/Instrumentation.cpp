@@ -157,6 +157,30 @@ StructType *valueSiteType(LLVMContext &Ctx)
     return StructType::get(Ctx, {I32, I32, I64, Slots, Slots});
 }
 
+// A function of the runtime, referred to weakly: an instrumented object
+// links without the runtime too, so that the link probes of configure
+// scripts and makefiles (which pass the compile flags but not the
+// libraries) find what they find in the plain build. A program linked so
+// runs uncounted.
+FunctionCallee runtimeFunction(Module &M, StringRef Name, FunctionType *Type)
+{
+    FunctionCallee Callee = M.getOrInsertFunction(Name, Type);
+    if (auto *F = dyn_cast<Function>(Callee.getCallee()))
+        F->setLinkage(GlobalValue::ExternalWeakLinkage);
+    return Callee;
+}
+
+// Calls Callee before Before only where the runtime is linked in.
+void callIfLinked(Instruction *Before, FunctionCallee Callee, ArrayRef<Value *> Args)
+{
+    BasicBlock *Head = Before->getParent();
+    Value *Linked = IRBuilder<>(Before).CreateIsNotNull(Callee.getCallee());
+    Instruction *Then = SplitBlockAndInsertIfThen(Linked, Before, false);
+    Then->getParent()->setName(addedBlockName(*Head));
+    Before->getParent()->setName(addedBlockName(*Head));
+    IRBuilder<>(Then).CreateCall(Callee, Args);
+}
+
 // The runtime's recording function for a kind of site: it only writes the
 // site's slots, never throws and always returns.
 FunctionCallee recorder(Module &M, uint32_t Kind)
@@ -165,8 +189,8 @@ FunctionCallee recorder(Module &M, uint32_t Kind)
     Type *Value = Type::getInt64Ty(Ctx);
     if (Kind == QUARL_VALUE_CALL_TARGET)
         Value = Type::getInt8PtrTy(Ctx);
-    FunctionCallee Callee = M.getOrInsertFunction(
-        Kind == QUARL_VALUE_CALL_TARGET ? "__quarl_record_target" : "__quarl_record_size",
+    FunctionCallee Callee = runtimeFunction(
+        M, Kind == QUARL_VALUE_CALL_TARGET ? "__quarl_record_target" : "__quarl_record_size",
         FunctionType::get(Type::getVoidTy(Ctx), {valueSiteType(Ctx)->getPointerTo(), Value}, false));
     if (auto *F = dyn_cast<Function>(Callee.getCallee())) {
         F->addFnAttr(Attribute::NoUnwind);
@@ -242,7 +266,7 @@ void Instrumenter::recordValues(Function &F, const std::vector<ValueSite> &Sites
             Observed = B.CreatePointerCast(cast<CallBase>(Sites[I].Site)->getCalledOperand(), B.getInt8PtrTy());
         else
             Observed = B.CreateZExtOrTrunc(lengthOf(*cast<CallBase>(Sites[I].Site)), B.getInt64Ty());
-        B.CreateCall(recorder(M, Sites[I].Kind), {Slot, Observed});
+        callIfLinked(Sites[I].Site, recorder(M, Sites[I].Kind), {Slot, Observed});
     }
 }
 
@@ -347,13 +371,12 @@ void Instrumenter::registerTable(Module &M, const std::vector<Record> &Records,
                              ConstantPointerNull::get(I8Ptr), ConstantInt::get(I32, TargetEntries.size()),
                              ConstantExpr::getPointerCast(TargetTable, TargetTy->getPointerTo())}),
         "__quarl_module");
-    FunctionCallee Register = M.getOrInsertFunction(
-        "__quarl_register_module", FunctionType::get(Type::getVoidTy(Ctx), {ModuleTy->getPointerTo()}, false));
+    FunctionCallee Register = runtimeFunction(
+        M, "__quarl_register_module",
+        FunctionType::get(Type::getVoidTy(Ctx), {ModuleTy->getPointerTo()}, false));
     Function *Ctor = Function::Create(FunctionType::get(Type::getVoidTy(Ctx), false),
                                       GlobalValue::InternalLinkage, "__quarl_module_ctor", M);
-    IRBuilder<> B(BasicBlock::Create(Ctx, "", Ctor));
-    B.CreateCall(Register, {Descriptor});
-    B.CreateRetVoid();
+    callIfLinked(ReturnInst::Create(Ctx, BasicBlock::Create(Ctx, "", Ctor)), Register, {Descriptor});
     appendToGlobalCtors(M, Ctor, 0);
 }
 

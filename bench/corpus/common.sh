@@ -93,11 +93,10 @@ corpus_build() { # NAME LIBS FLAGS...
     cp -r "$work/src" "$work/tree"
     start=$(date +%s.%N)
     (
-        # LDFLAGS: the libraries as linker flags, for build systems that put
-        # those before the objects (the runtime archive linked whole).
-        local ldflags=""
-        [ -z "$libs" ] || ldflags="-Wl,--whole-archive ${libs/ -lpthread/} -Wl,--no-whole-archive -lpthread"
-        export CC="clang-14" CXX="clang++-14" CFLAGS="$*" CXXFLAGS="$*" LIBS="$libs" LDFLAGS="$ldflags"
+        # LDFLAGS: the same libraries, for build systems that put linker
+        # flags before the objects (the runtime archive is linked whole, so
+        # either place pulls it in).
+        export CC="clang-14" CXX="clang++-14" CFLAGS="$*" CXXFLAGS="$*" LIBS="$libs" LDFLAGS="$libs"
         [ "${NAIVE:-0}" = 1 ] && export QUARL_NAIVE_COUNTS=1
         cd "$work/tree" && build "$work/tree"
     ) >"$work/$name.build.log" 2>&1 || { tail -30 "$work/$name.build.log" >&2; echo "FAIL: $PACKAGE: build $name" >&2; exit 1; }
@@ -133,7 +132,7 @@ corpus_main() {
     nm -D --defined-only "$(readlink -f "$libstdcxx")" 2>/dev/null | awk '{ sub(/@.*/, "", $NF); print $NF }' |
         sort -u >"$work/shared-symbols"
     echo "== $PACKAGE: plain build and its tests" >&2
-    instrumented_libs="$runtime -lpthread"
+    instrumented_libs="${runtime_link[*]} -lpthread"
     corpus_build plain "" -O2
     corpus_tests plain
     local level blocks

@@ -13,7 +13,10 @@ source "$(dirname "$0")/common.sh"
 
 build() {
     local options=(HAVE_ZLIB=0 HAVE_LZMA=0 HAVE_LZ4=0)
-    LDFLAGS="$CFLAGS" LDLIBS="$LIBS" make -j2 -C programs zstd "${options[@]}" &&
+    # Its link probes (threads, linker options) pass FLAGS, which hold
+    # LDFLAGS but not LDLIBS: the runtime goes in both, so that instrumented
+    # builds configure as the plain one does.
+    LDFLAGS="$CFLAGS $LDFLAGS" LDLIBS="$LIBS" make -j2 -C programs zstd "${options[@]}" &&
         # The generator of test data is no part of what is measured.
         CC=clang-14 CFLAGS=-O2 make -C tests datagen "${options[@]}"
 }

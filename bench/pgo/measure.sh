@@ -60,7 +60,7 @@ clang_train() { # NAME CLANG-FLAGS... : NAME.profdata from the training run
 clang_train clang
 clang_train clang-edges -mllvm -disable-vp
 compile quarl-instrumented -fpass-plugin="$plugin"
-link quarl-instrumented "$runtime"
+link quarl-instrumented "${runtime_link[@]}"
 QUARL_PROFILE_FILE=$work/train.quarlprof ./quarl-instrumented "$train" >/dev/null
 
 echo "compiling sqlite3.c (best of $compiles, interleaved)..." >&2
@@ -76,7 +76,7 @@ compile_none=${best_time[none]} compile_clang=${best_time[clang]} compile_quarl=
 compile_instrumented=$(best 1 compile quarl-instrumented -fpass-plugin="$plugin")
 compile_edges=$(best 1 compile clang-edges -fprofile-use="$work/clang-edges.profdata" -mllvm -disable-vp)
 for name in none clang clang-edges quarl; do link $name; done
-link quarl-instrumented "$runtime"
+link quarl-instrumented "${runtime_link[@]}"
 warnings=$(grep -c 'warning: .*quarl' quarl.err || true)
 
 for name in clang clang-edges quarl quarl-instrumented; do

@@ -20,7 +20,7 @@ build() { # MODE LEVEL OUTPUT SOURCE...
     local settings=()
     [ "$mode" = naive ] && settings+=(QUARL_NAIVE_COUNTS=1)
     [ "$mode" = quarl ] && [ "$case_name" = atomic ] && settings+=(QUARL_ATOMIC_COUNTERS=1)
-    local plugin=(-fpass-plugin="$PLUGIN") runtime=("$RUNTIME")
+    local plugin=(-fpass-plugin="$PLUGIN") runtime=(-Wl,--whole-archive "$RUNTIME" -Wl,--no-whole-archive)
     [ "$mode" = plain ] && plugin=() runtime=()
     # shellcheck disable=SC2086
     env "${settings[@]}" $compiler "$level" "${plugin[@]}" "${sources[@]}" "${runtime[@]}" -lpthread -o "$output"
@@ -96,6 +96,22 @@ for level in -O0 -O2; do
         [ -p "$work/pipe" ] || fail "the profile replaced the pipe it was named by"
         "$QUARL" profile show --blocks "$work/from-pipe" | grep -qx 'function main entry 1' ||
             fail "the profile written into a pipe is not this run's" 
+        # Instrumented objects link without the runtime too (link probes
+        # of build systems pass no libraries) and run uncounted, value
+        # sites included.
+        for program in control values; do
+            "$CLANG" $level -fpass-plugin="$PLUGIN" "$here/$program.c" -o "$work/unlinked" ||
+                fail "$program.c instrumented does not link without the runtime"
+            "$CLANG" $level "$here/$program.c" -o "$work/plain"
+            rm -f "$work/unlinked.quarlprof"
+            QUARL_PROFILE_FILE=$work/unlinked.quarlprof "$work/unlinked" >"$work/unlinked.out" ||
+                fail "$program.c without the runtime failed"
+            "$work/plain" >"$work/plain.out"
+            # values.c prints a sum its threads race on.
+            [ $program = values ] || cmp -s "$work/plain.out" "$work/unlinked.out" ||
+                fail "$program.c without the runtime printed otherwise"
+            [ ! -e "$work/unlinked.quarlprof" ] || fail "a program without the runtime wrote a profile"
+        done
         # Above -O0, scaled() is inlined before counting.
         [ $level != -O0 ] || "$QUARL" profile show "$work/quarl$level.quarlprof" | grep -qE ' 1  .*:mix$' ||
             fail "mix() calls only functions that come back: one counter"

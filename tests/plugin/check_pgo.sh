@@ -18,7 +18,7 @@ compiler=$CLANG
 train() { # LEVEL PROGRAM SOURCE...: instrument, link, run once
     local level=$1 program=$2
     shift 2
-    $compiler "$level" -fpass-plugin="$PLUGIN" "$@" "$RUNTIME" -lpthread -o "$program"
+    $compiler "$level" -fpass-plugin="$PLUGIN" "$@" -Wl,--whole-archive "$RUNTIME" -Wl,--no-whole-archive -lpthread -o "$program"
     QUARL_PROFILE_FILE=$work/$program.quarlprof "./$program" >/dev/null
 }
 
