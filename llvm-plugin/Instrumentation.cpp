@@ -277,7 +277,7 @@ bool Instrumenter::instrument(Function &F, FunctionAnalysisManager &FAM, const C
     std::vector<ValueSite> Sites = valueSites(F, FAM.getResult<TargetLibraryAnalysis>(F));
     RoutineGraph Plan = planFunction(F, FAM, Facts);
     Placement Placed;
-    if (!placeCounters(Plan, Placed)) {
+    if (!placeCounters(Plan, Placed, F)) {
         warn(F, "no counter placement found; not instrumented");
         return false;
     }

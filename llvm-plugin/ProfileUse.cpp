@@ -93,7 +93,7 @@ bool readCounts(Function &F, const Records &Candidates, FunctionAnalysisManager 
 {
     RoutineGraph Plan = planFunction(F, FAM, Facts);
     Placement Placed;
-    if (!placeCounters(Plan, Placed)) {
+    if (!placeCounters(Plan, Placed, F)) {
         warn(F, "no counter placement found; compiled without profile");
         return false;
     }

@@ -68,8 +68,10 @@ struct Placement {
     uint32_t NumCounters = 0;
 };
 
-// Counter selection, placement and encoding; false when memory runs out or
-// no placement is found.
-bool placeCounters(const RoutineGraph &Plan, Placement &Out);
+// Counter selection, placement and encoding, for F's graph; false when
+// memory runs out or no placement is found. With QUARL_CHECK_PLACEMENT=1
+// (a test mode), a placement with formulas must give the same, or F's
+// module gets an error.
+bool placeCounters(const RoutineGraph &Plan, Placement &Out, llvm::Function &F);
 
 } // namespace quarl_llvm

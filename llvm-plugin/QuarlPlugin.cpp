@@ -100,13 +100,19 @@ RoutineGraph planFunction(Function &F, FunctionAnalysisManager &FAM, const Calle
                        &FAM.getResult<BranchProbabilityAnalysis>(F), Facts);
 }
 
-bool placeCounters(const RoutineGraph &Plan, Placement &Out)
+namespace {
+
+// Counters chosen, every other edge checked to follow from them (counters
+// forced where none does) and the graph encoded; formulas only when asked
+// for, to compare the two ways of placing.
+bool placeCountersWith(const RoutineGraph &Plan, bool WithFormulas, Placement &Out)
 {
     QuarlInstGraph *Graph = buildQuarlGraph(Plan);
     if (!Graph)
         return false;
     bool Placed = quarl_inst_graph_select_counters(Graph) != QUARL_SELECT_COUNTERS_FAILED &&
-                  quarl_inst_graph_adjust_instrumentation(Graph) == 1;
+                  (WithFormulas ? quarl_inst_graph_adjust_instrumentation(Graph)
+                                : quarl_inst_graph_adjust_instrumentation_linear(Graph)) == 1;
     QuarlEncodedGraph *Encoded = Placed ? quarl_inst_graph_encode(Graph) : nullptr;
     if (Encoded) {
         Out.Words.resize(quarl_encoded_graph_length(Encoded));
@@ -121,6 +127,24 @@ bool placeCounters(const RoutineGraph &Plan, Placement &Out)
     }
     quarl_inst_graph_delete(Graph);
     return Encoded != nullptr;
+}
+
+} // namespace
+
+bool placeCounters(const RoutineGraph &Plan, Placement &Out, Function &F)
+{
+    bool Placed = placeCountersWith(Plan, false, Out);
+    if (envFlag("QUARL_CHECK_PLACEMENT")) {
+        // Test mode: the placement with formulas must give the same.
+        Placement WithFormulas;
+        if (placeCountersWith(Plan, true, WithFormulas) != Placed ||
+            (Placed && (WithFormulas.Words != Out.Words || WithFormulas.CounterOfEdge != Out.CounterOfEdge ||
+                        WithFormulas.NumCounters != Out.NumCounters)))
+            F.getContext().diagnose(DiagnosticInfoPGOProfile(
+                F.getParent()->getSourceFileName().c_str(),
+                "quarl: " + F.getName() + ": placement with formulas differs", DS_Error));
+    }
+    return Placed;
 }
 
 } // namespace quarl_llvm

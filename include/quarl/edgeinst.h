@@ -272,6 +272,20 @@ QUARL_API void quarl_inst_edge_set_as_instrumented(QuarlInstEdge *edge);
  * (a handful each in compiled code). A few allocations per call. */
 QUARL_API int quarl_inst_graph_adjust_instrumentation(QuarlInstGraph *graph);
 
+/* The placement pass for callers that only encode the graph (a compiler
+ * instrumenting, or checking a stored graph against the code): the same
+ * verdict, the same edges computed and the same edges instrumented by
+ * force as quarl_inst_graph_adjust_instrumentation(), so the same counters
+ * and stored words, but no formula is built: no formula positions, no
+ * bitsets. Whether a derived count rests on a measurable counter is read
+ * from the set of nodes the count was derived over. O(E log E) time and
+ * O(N + E) memory for N nodes and E edges, a few allocations per call;
+ * writes no traces. Returns 1 when every reachable node was resolved, 0
+ * otherwise; when memory runs out, 0 with the graph unchanged. Run once per
+ * graph, after the counter edges are marked instrumented, instead of the
+ * formula pass. */
+QUARL_API int quarl_inst_graph_adjust_instrumentation_linear(QuarlInstGraph *graph);
+
 /* ======================================================================
  * Encoding
  * ====================================================================== */
