@@ -17,7 +17,9 @@
 #   quarl-instrumented
 #            for reference, the instrumented build that trained
 #
-# The training run is the workload of ../sqlite/workload.c at scale TRAIN,
+# The training run is the workload of ../sqlite/workload.c (or, with
+# WORKLOAD=analytics, ../sqlite/analytics.c: queries on expressions,
+# strings, JSON and windows rather than inserts and joins) at scale TRAIN,
 # the measured runs at scale SCALE, interleaved, best of RUNS each; sqlite3.c
 # compiles are the best of COMPILES. Prints the README's table: run times,
 # speedup over no profile, Quarl's speedup as a fraction of clang's, and the
@@ -48,7 +50,7 @@ link() { # NAME CLANG-FLAGS...
 quarl_use=(-fplugin="$plugin" -fpass-plugin="$plugin" -mllvm -quarl-profile-use="$work/train.quarlprof")
 
 echo "building and training..." >&2
-clang-14 -O2 -I"$src" -c "$here/../sqlite/workload.c" -o workload.o
+clang-14 -O2 -I"$src" -c "$here/../sqlite/${WORKLOAD:-workload}.c" -o workload.o
 clang_train() { # NAME CLANG-FLAGS... : NAME.profdata from the training run
     local name=$1
     shift
