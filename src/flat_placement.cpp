@@ -226,14 +226,6 @@ void prune_uncalculated_lists(QuarlInstGraph *graph)
     }
 }
 
-bool all_resolved(const uint8_t *remaining, uint32_t num_nodes)
-{
-    for (uint32_t i = 0; i < num_nodes; ++i)
-        if (remaining[i] != 0)
-            return false;
-    return true;
-}
-
 } // namespace
 
 extern "C" int quarl_inst_graph_adjust_instrumentation_linear(QuarlInstGraph *graph)
@@ -261,7 +253,7 @@ extern "C" int quarl_inst_graph_adjust_instrumentation_linear(QuarlInstGraph *gr
         set_up(&p);
         if (run_round_one(&p)) {
             run_round_two(&p);
-            result = all_resolved(p.remaining, nodes);
+            result = quarl_inst_nodes_all_resolved(p.remaining, nodes);
         }
         prune_uncalculated_lists(graph);
     }
