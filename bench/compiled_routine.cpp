@@ -162,15 +162,15 @@ CompiledRoutine make_compiled_routine(uint32_t num_edges, uint64_t seed)
     return lowering.routine;
 }
 
-QuarlInstGraph *build_compiled_graph(const CompiledRoutine &routine)
+QuarlInstGraph *build_compiled_graph(const CompiledRoutine &routine, const GraphCalls &calls)
 {
-    QuarlInstGraph *graph = quarl_inst_graph_create();
+    QuarlInstGraph *graph = calls.create();
     if (graph == nullptr)
         return nullptr;
     for (uint32_t b = 0; b < routine.num_blocks; ++b) {
-        QuarlInstNode *node = quarl_inst_graph_add_node(graph, b);
+        QuarlInstNode *node = calls.add_node(graph, b);
         if (node == nullptr) {
-            quarl_inst_graph_delete(graph);
+            calls.destroy(graph);
             return nullptr;
         }
         node->m_is_reachable = 1;
@@ -178,10 +178,9 @@ QuarlInstGraph *build_compiled_graph(const CompiledRoutine &routine)
         node->m_is_pseudo_exit = b == pseudo_exit;
     }
     for (const RoutineEdge &shape : routine.edges) {
-        QuarlInstEdge *edge = quarl_inst_graph_add_edge(graph, graph->m_node_vec[shape.src],
-                                                        graph->m_node_vec[shape.dest]);
+        QuarlInstEdge *edge = calls.add_edge(graph, graph->m_node_vec[shape.src], graph->m_node_vec[shape.dest]);
         if (edge == nullptr) {
-            quarl_inst_graph_delete(graph);
+            calls.destroy(graph);
             return nullptr;
         }
         edge->m_is_reachable = 1;

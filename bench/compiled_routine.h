@@ -30,9 +30,24 @@ struct CompiledRoutine {
 // seed.
 CompiledRoutine make_compiled_routine(uint32_t num_edges, uint64_t seed);
 
+// The graph-building calls of one copy of the library: the linked one, or
+// one loaded at run time (to compare two builds in one process).
+struct GraphCalls {
+    QuarlInstGraph *(*create)();
+    QuarlInstNode *(*add_node)(QuarlInstGraph *, uint32_t);
+    QuarlInstEdge *(*add_edge)(QuarlInstGraph *, QuarlInstNode *, QuarlInstNode *);
+    void (*destroy)(QuarlInstGraph *);
+};
+
 // The routine as a graph: every node and edge reachable, pseudo flags and
 // costs set, no counter chosen. Null when memory runs out.
-QuarlInstGraph *build_compiled_graph(const CompiledRoutine &routine);
+QuarlInstGraph *build_compiled_graph(const CompiledRoutine &routine, const GraphCalls &calls);
+inline QuarlInstGraph *build_compiled_graph(const CompiledRoutine &routine)
+{
+    static const GraphCalls linked = {quarl_inst_graph_create, quarl_inst_graph_add_node, quarl_inst_graph_add_edge,
+                                      quarl_inst_graph_delete};
+    return build_compiled_graph(routine, linked);
+}
 
 // A flow over the routine: the count of every edge, a sum of the counts of
 // random cycles through the exit-to-entry edge and through loops, so that

@@ -20,11 +20,6 @@ void *quarl_mem_alloc(size_t size);
 void *quarl_mem_alloc_zeroed(size_t count, size_t size);
 void *quarl_mem_realloc(void *block, size_t size);
 void quarl_mem_free(void *block);
-/* A zeroed block of many megabytes whose pages will be written sparsely
- * and soon: where the system offers it, the block is backed by huge pages,
- * since one fault per touched small page would cost more than all the
- * other work on it. Released with quarl_mem_free(). */
-void *quarl_mem_alloc_zeroed_bulk(size_t size);
 
 #ifdef QUARL_FAULT_INJECTION
 /* Fail the n-th allocation from now on (1 = the next one); 0 disarms. */

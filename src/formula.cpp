@@ -165,8 +165,11 @@ extern "C" bool quarl_inst_bitset_batch_create(QuarlInstBitsetBatch *batch, uint
     BatchLayout layout = batch_layout(bits);
     if (count > (SIZE_MAX - layout.header_bytes) / (record_bytes + layout.chunk_bytes))
         return false;
-    void *block = quarl_mem_alloc_zeroed_bulk(
-        static_cast<size_t>(layout.header_bytes + count * (record_bytes + layout.chunk_bytes)));
+    // Small pages, not huge ones: the chunks are written sparsely, and a
+    // huge page asked for while other work has fragmented memory costs a
+    // compaction, several times the work of the routine.
+    void *block = quarl_mem_alloc_zeroed(
+        1, static_cast<size_t>(layout.header_bytes + count * (record_bytes + layout.chunk_bytes)));
     if (block == nullptr)
         return false;
     new (block) SharedBlock{count};

@@ -4,11 +4,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 
-#if defined(__linux__)
-#include <stdint.h>
-#include <sys/mman.h>
-#endif
-
 #include "edgeinst_internal.h"
 
 #ifdef QUARL_FAULT_INJECTION
@@ -80,24 +75,6 @@ extern "C" void *quarl_mem_alloc_zeroed(size_t count, size_t size)
     void *block = calloc(count, size);
     if (block != nullptr)
         QUARL_COUNT_LIVE(1);
-    return block;
-}
-
-extern "C" void *quarl_mem_alloc_zeroed_bulk(size_t size)
-{
-    void *block = quarl_mem_alloc_zeroed(1, size);
-#if defined(__linux__) && defined(MADV_HUGEPAGE)
-    // A block this large is a fresh mapping whose pages are faulted in one
-    // by one as they are first written; the advice covers the whole huge
-    // pages inside it. It is only advice: refused, nothing changes.
-    const uintptr_t huge_page = uintptr_t{2} << 20;
-    if (block != nullptr && size >= 16 * huge_page) {
-        uintptr_t first = (reinterpret_cast<uintptr_t>(block) + huge_page - 1) & ~(huge_page - 1);
-        uintptr_t end = (reinterpret_cast<uintptr_t>(block) + size) & ~(huge_page - 1);
-        if (first < end)
-            (void)madvise(reinterpret_cast<void *>(first), end - first, MADV_HUGEPAGE);
-    }
-#endif
     return block;
 }
 
