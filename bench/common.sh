@@ -2,19 +2,25 @@
 # fetching SQLite and timing. Sourced.
 
 # Checks the tools and Quarl's build ($plugin, $runtime and $quarl name its
-# parts), then moves into a scratch directory ($work) that is removed at
-# exit.
+# parts; $clang_cc, $clang_cxx and $llvm_profdata the tools of the LLVM its
+# plugin was built for), then moves into a scratch directory ($work) that
+# is removed at exit.
 prepare() { # BUILD_DIR TOOL...
-    local build=$1 tool needed
+    local build=$1 tool needed plugins
     shift
-    for tool in "$@"; do
+    plugins=("$build"/llvm-plugin/quarl_llvm-*.so)
+    [ -e "${plugins[0]}" ] || { echo "no plugin in $build/llvm-plugin: build Quarl with LLVM first" >&2; exit 2; }
+    plugin=${plugins[0]} runtime=$build/runtime/libquarl_rt.a quarl=$build/tools/quarl
+    llvm_version=${plugin##*quarl_llvm-}
+    llvm_version=${llvm_version%.so}
+    clang_cc=clang-$llvm_version clang_cxx=clang++-$llvm_version llvm_profdata=llvm-profdata-$llvm_version
+    for tool in "$@" "$clang_cc" "$clang_cxx" "$llvm_profdata"; do
         command -v "$tool" >/dev/null || { echo "needs $tool" >&2; exit 2; }
     done
-    plugin=$build/llvm-plugin/quarl_llvm.so runtime=$build/runtime/libquarl_rt.a quarl=$build/tools/quarl
     # The runtime is linked whole: instrumented code refers to it weakly.
     runtime_link=(-Wl,--whole-archive "$runtime" -Wl,--no-whole-archive)
-    for needed in "$plugin" "$runtime" "$quarl"; do
-        [ -e "$needed" ] || { echo "missing $needed: build Quarl with LLVM 14 first" >&2; exit 2; }
+    for needed in "$runtime" "$quarl"; do
+        [ -e "$needed" ] || { echo "missing $needed: build Quarl first" >&2; exit 2; }
     done
     work=$(mktemp -d)
     trap 'rm -rf "$work"' EXIT

@@ -14,6 +14,7 @@
 #include "llvm/Transforms/Utils/BasicBlockUtils.h"
 #include "llvm/Transforms/Utils/ModuleUtils.h"
 
+#include "LLVMCompat.h"
 #include "QuarlPasses.h"
 #include "quarl_profile.h"
 #include "quarl_rt.h"
@@ -188,17 +189,17 @@ FunctionCallee recorder(Module &M, uint32_t Kind)
     LLVMContext &Ctx = M.getContext();
     Type *Value = Type::getInt64Ty(Ctx);
     if (Kind == QUARL_VALUE_CALL_TARGET)
-        Value = Type::getInt8PtrTy(Ctx);
+        Value = compat::bytePointer(Ctx);
     FunctionCallee Callee = runtimeFunction(
         M, Kind == QUARL_VALUE_CALL_TARGET ? "__quarl_record_target" : "__quarl_record_size",
-        FunctionType::get(Type::getVoidTy(Ctx), {valueSiteType(Ctx)->getPointerTo(), Value}, false));
+        FunctionType::get(Type::getVoidTy(Ctx), {compat::pointerTo(valueSiteType(Ctx)), Value}, false));
     if (auto *F = dyn_cast<Function>(Callee.getCallee())) {
         F->addFnAttr(Attribute::NoUnwind);
         F->addFnAttr(Attribute::WillReturn);
-        F->addFnAttr(Attribute::ArgMemOnly);
-        F->addParamAttr(0, Attribute::NoCapture);
+        F->setOnlyAccessesArgMemory();
+        compat::setDoesNotCapture(*F, 0);
         if (Kind == QUARL_VALUE_CALL_TARGET) {
-            F->addParamAttr(1, Attribute::NoCapture);
+            compat::setDoesNotCapture(*F, 1);
             F->addParamAttr(1, Attribute::ReadNone);
         }
     }
@@ -263,7 +264,7 @@ void Instrumenter::recordValues(Function &F, const std::vector<ValueSite> &Sites
         Value *Slot = B.CreateConstInBoundsGEP2_64(ArrayTy, Out.Sites, 0, I);
         Value *Observed;
         if (Sites[I].Kind == QUARL_VALUE_CALL_TARGET)
-            Observed = B.CreatePointerCast(cast<CallBase>(Sites[I].Site)->getCalledOperand(), B.getInt8PtrTy());
+            Observed = B.CreatePointerCast(cast<CallBase>(Sites[I].Site)->getCalledOperand(), compat::bytePointer(Ctx));
         else
             Observed = B.CreateZExtOrTrunc(lengthOf(*cast<CallBase>(Sites[I].Site)), B.getInt64Ty());
         callIfLinked(Sites[I].Site, recorder(M, Sites[I].Kind), {Slot, Observed});
@@ -327,13 +328,13 @@ void Instrumenter::registerTable(Module &M, const std::vector<Record> &Records,
 {
     LLVMContext &Ctx = M.getContext();
     Type *I32 = Type::getInt32Ty(Ctx), *I64 = Type::getInt64Ty(Ctx);
-    PointerType *I8Ptr = Type::getInt8PtrTy(Ctx), *SitePtr = valueSiteType(Ctx)->getPointerTo();
-    auto *FunctionTy = StructType::create(Ctx, {I8Ptr, I64, I32, I32, I32, I32, I32, Type::getInt32PtrTy(Ctx),
-                                                Type::getInt64PtrTy(Ctx), I32, SitePtr},
+    PointerType *I8Ptr = compat::bytePointer(Ctx), *SitePtr = compat::pointerTo(valueSiteType(Ctx));
+    PointerType *I32Ptr = compat::pointerTo(I32), *I64Ptr = compat::pointerTo(I64);
+    auto *FunctionTy = StructType::create(Ctx, {I8Ptr, I64, I32, I32, I32, I32, I32, I32Ptr, I64Ptr, I32, SitePtr},
                                           "quarl.function");
     auto *TargetTy = StructType::create(Ctx, {I8Ptr, I64}, "quarl.target");
     auto *ModuleTy = StructType::create(
-        Ctx, {I32, I32, FunctionTy->getPointerTo(), I8Ptr, I32, TargetTy->getPointerTo()}, "quarl.module");
+        Ctx, {I32, I32, compat::pointerTo(FunctionTy), I8Ptr, I32, compat::pointerTo(TargetTy)}, "quarl.module");
     std::vector<Constant *> Entries;
     for (const Record &R : Records) {
         Constant *Key = ConstantDataArray::getString(Ctx, R.Key);
@@ -348,8 +349,8 @@ void Instrumenter::registerTable(Module &M, const std::vector<Record> &Records,
                          ConstantInt::get(I32, R.Flags), ConstantInt::get(I32, R.NumBlocks),
                          ConstantInt::get(I32, R.NumNodes), ConstantInt::get(I32, R.Words.size()),
                          ConstantInt::get(I32, R.NumCounters),
-                         ConstantExpr::getPointerCast(WordsVar, Type::getInt32PtrTy(Ctx)),
-                         ConstantExpr::getPointerCast(R.Counters, Type::getInt64PtrTy(Ctx)),
+                         ConstantExpr::getPointerCast(WordsVar, I32Ptr),
+                         ConstantExpr::getPointerCast(R.Counters, I64Ptr),
                          ConstantInt::get(I32, R.NumSites), Sites}));
     }
     auto *TableTy = ArrayType::get(FunctionTy, Entries.size());
@@ -367,13 +368,13 @@ void Instrumenter::registerTable(Module &M, const std::vector<Record> &Records,
         M, ModuleTy, false, GlobalValue::PrivateLinkage,
         ConstantStruct::get(ModuleTy,
                             {ConstantInt::get(I32, QUARL_RT_VERSION), ConstantInt::get(I32, Entries.size()),
-                             ConstantExpr::getPointerCast(Table, FunctionTy->getPointerTo()),
+                             ConstantExpr::getPointerCast(Table, compat::pointerTo(FunctionTy)),
                              ConstantPointerNull::get(I8Ptr), ConstantInt::get(I32, TargetEntries.size()),
-                             ConstantExpr::getPointerCast(TargetTable, TargetTy->getPointerTo())}),
+                             ConstantExpr::getPointerCast(TargetTable, compat::pointerTo(TargetTy))}),
         "__quarl_module");
     FunctionCallee Register = runtimeFunction(
         M, "__quarl_register_module",
-        FunctionType::get(Type::getVoidTy(Ctx), {ModuleTy->getPointerTo()}, false));
+        FunctionType::get(Type::getVoidTy(Ctx), {compat::pointerTo(ModuleTy)}, false));
     Function *Ctor = Function::Create(FunctionType::get(Type::getVoidTy(Ctx), false),
                                       GlobalValue::InternalLinkage, "__quarl_module_ctor", M);
     callIfLinked(ReturnInst::Create(Ctx, BasicBlock::Create(Ctx, "", Ctor)), Register, {Descriptor});
@@ -387,7 +388,7 @@ std::vector<Function *> callTargets(Module &M)
 {
     std::vector<Function *> Targets;
     for (Function &F : M)
-        if (!F.isIntrinsic() && F.hasAddressTaken() && !F.getName().startswith("__quarl"))
+        if (!F.isIntrinsic() && F.hasAddressTaken() && !compat::startsWith(F.getName(), "__quarl"))
             Targets.push_back(&F);
     return Targets;
 }

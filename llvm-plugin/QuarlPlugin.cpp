@@ -1,5 +1,5 @@
-// The Quarl pass plugin for clang and opt (LLVM 14, new pass manager).
-// Loaded with -fpass-plugin=quarl_llvm.so it instruments every defined
+// The Quarl pass plugin for clang and opt (LLVM 14 to 22, new pass manager).
+// Loaded with -fpass-plugin=quarl_llvm-N.so it instruments every defined
 // function at the start of the optimisation pipeline; given a profile
 // (-mllvm -quarl-profile-use=FILE, or QUARL_PROFILE_USE=FILE) it uses the
 // profile there instead. Above -O0 both first tidy the functions and
@@ -15,7 +15,6 @@
 #include "llvm/IR/IntrinsicInst.h"
 #include "llvm/IR/Module.h"
 #include "llvm/Passes/PassBuilder.h"
-#include "llvm/Passes/PassPlugin.h"
 #include "llvm/Support/CommandLine.h"
 #include "llvm/Transforms/IPO/GlobalDCE.h"
 #include "llvm/Transforms/IPO/Inliner.h"
@@ -25,6 +24,7 @@
 #include "llvm/Transforms/Scalar/SROA.h"
 #include "llvm/Transforms/Scalar/SimplifyCFG.h"
 
+#include "LLVMCompat.h"
 #include "QuarlPasses.h"
 #include "quarl_profile.h"
 
@@ -55,7 +55,7 @@ std::vector<Function *> handledFunctions(Module &M)
     std::vector<Function *> Functions;
     for (Function &F : M)
         if (!F.isDeclaration() && !F.hasAvailableExternallyLinkage() &&
-            !F.hasFnAttribute(Attribute::Naked) && !F.getName().startswith("__quarl"))
+            !F.hasFnAttribute(Attribute::Naked) && !compat::startsWith(F.getName(), "__quarl"))
             Functions.push_back(&F);
     return Functions;
 }
@@ -170,7 +170,7 @@ void addSimplification(ModulePassManager &MPM, OptimizationLevel Level)
 {
     FunctionPassManager Tidy;
     Tidy.addPass(SimplifyCFGPass());
-    Tidy.addPass(SROAPass());
+    Tidy.addPass(quarl_llvm::compat::makeSROAPass());
     Tidy.addPass(EarlyCSEPass());
     MPM.addPass(createModuleToFunctionPassAdaptor(std::move(Tidy)));
 
@@ -180,7 +180,7 @@ void addSimplification(ModulePassManager &MPM, OptimizationLevel Level)
     Params.HintThreshold = Level.isOptimizingForSize() ? PreInlineThreshold : HintThreshold;
     ModuleInlinerWrapperPass Inliner(Params);
     FunctionPassManager Cleanup;
-    Cleanup.addPass(SROAPass());
+    Cleanup.addPass(quarl_llvm::compat::makeSROAPass());
     Cleanup.addPass(EarlyCSEPass());
     Cleanup.addPass(SimplifyCFGPass());
     Cleanup.addPass(InstCombinePass());

@@ -13,6 +13,8 @@
 #include "llvm/IR/IntrinsicInst.h"
 #include "llvm/IR/Module.h"
 
+#include "LLVMCompat.h"
+
 using namespace llvm;
 
 namespace quarl_llvm {
@@ -184,8 +186,8 @@ bool CalleeFacts::libraryFunctionComesBack(const CallBase &Call, const Function 
         break;
     }
     StringRef Name = Callee.getName(); // operator new and new[], Itanium and MSVC
-    return !Name.startswith("_Znw") && !Name.startswith("_Zna") && !Name.startswith("??2@") &&
-           !Name.startswith("??_U@");
+    return !compat::startsWith(Name, "_Znw") && !compat::startsWith(Name, "_Zna") &&
+           !compat::startsWith(Name, "??2@") && !compat::startsWith(Name, "??_U@");
 }
 
 bool CalleeFacts::comesBack(const CallBase &Call) const

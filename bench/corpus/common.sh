@@ -39,7 +39,7 @@
 # Environment: QUARL_BUILD (Quarl's build directory, default build/),
 # CORPUS_CACHE (where sources are downloaded, default ~/.cache/quarl-corpus),
 # RUNS (default 10), COMPILES (default 1), STEPS (default "tests counts pgo").
-# Needs clang-14, llvm-profdata-14, bc, dpkg-dev (for apt-get source).
+# Needs the clang and llvm-profdata of the plugin's LLVM, bc, dpkg-dev (for apt-get source).
 
 corpus_here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 source "$corpus_here/../common.sh"
@@ -96,7 +96,7 @@ corpus_build() { # NAME LIBS FLAGS...
         # LDFLAGS: the same libraries, for build systems that put linker
         # flags before the objects (the runtime archive is linked whole, so
         # either place pulls it in).
-        export CC="clang-14" CXX="clang++-14" CFLAGS="$*" CXXFLAGS="$*" LIBS="$libs" LDFLAGS="$libs"
+        export CC="$clang_cc" CXX="$clang_cxx" CFLAGS="$*" CXXFLAGS="$*" LIBS="$libs" LDFLAGS="$libs"
         [ "${NAIVE:-0}" = 1 ] && export QUARL_NAIVE_COUNTS=1
         cd "$work/tree" && build "$work/tree"
     ) >"$work/$name.build.log" 2>&1 || { tail -30 "$work/$name.build.log" >&2; echo "FAIL: $PACKAGE: build $name" >&2; exit 1; }
@@ -124,11 +124,11 @@ corpus_counted() { # NAME PROFILE
 declare -A compile_time
 corpus_main() {
     local build_dir=${QUARL_BUILD:-$corpus_here/../../build} steps=${STEPS:-tests counts pgo}
-    prepare "$(cd "$build_dir" && pwd)" bc clang-14 clang++-14 llvm-profdata-14
+    prepare "$(cd "$build_dir" && pwd)" bc
     echo "== $PACKAGE: fetching" >&2
     if declare -F fetch_source >/dev/null; then fetch_source; else corpus_fetch; fi
     local libstdcxx
-    libstdcxx=$(clang++-14 -print-file-name=libstdc++.so)
+    libstdcxx=$("$clang_cxx" -print-file-name=libstdc++.so)
     nm -D --defined-only "$(readlink -f "$libstdcxx")" 2>/dev/null | awk '{ sub(/@.*/, "", $NF); print $NF }' |
         sort -u >"$work/shared-symbols"
     echo "== $PACKAGE: plain build and its tests" >&2
@@ -179,7 +179,7 @@ corpus_pgo() {
     corpus_build clang-gen "" -O2 -fprofile-generate
     rm -f "$work"/train*.profraw "$work/train.quarlprof"
     LLVM_PROFILE_FILE=$work/train-%p.profraw train "$work/clang-gen" >/dev/null 2>&1
-    llvm-profdata-14 merge -o "$work/train.profdata" "$work"/train-*.profraw
+    "$llvm_profdata" merge -o "$work/train.profdata" "$work"/train-*.profraw
     QUARL_PROFILE_FILE=$work/train.quarlprof train "$work/quarl-O2" >/dev/null 2>&1
     corpus_build clang-use "" -O2 -fprofile-use="$work/train.profdata"
     # The profile named in the environment: -mllvm options reach the

@@ -18,7 +18,7 @@ build() {
     # builds configure as the plain one does.
     LDFLAGS="$CFLAGS $LDFLAGS" make -j2 -C programs zstd "${options[@]}" &&
         # The generator of test data is no part of what is measured.
-        CC=clang-14 CFLAGS=-O2 make -C tests datagen "${options[@]}"
+        CC="$clang_cc" CFLAGS=-O2 make -C tests datagen "${options[@]}"
 }
 run_tests() {
     (cd "$1/tests" && ZSTD_BIN=../programs/zstd DATAGEN_BIN=./datagen ./playTests.sh >playTests.log 2>&1) ||

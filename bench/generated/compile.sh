@@ -7,12 +7,12 @@
 # and Quarl's ratios to clang's. A case is about five edges of the graph.
 # Usage: bench/generated/compile.sh [BUILD_DIR]; CASES (default
 # "2000 10000 20000"), SHAPES (default "switch chain") and LEVELS (default
-# "-O0 -O2") from the environment. Needs clang-14, llvm-profdata-14 and
+# "-O0 -O2") from the environment. Needs the clang and llvm-profdata of the plugin's LLVM and
 # GNU time.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source "$here/../common.sh"
-prepare "$(cd "${1:-$here/../../build}" && pwd)" bc clang-14 llvm-profdata-14 /usr/bin/time
+prepare "$(cd "${1:-$here/../../build}" && pwd)" bc /usr/bin/time
 # Clang parses and emits an else-if chain by recursion: a chain of 10,000
 # overflows its stack (plain clang included) at the usual 8 MB limit.
 ulimit -s unlimited
@@ -67,17 +67,17 @@ for shape in ${SHAPES:-switch chain}; do
         generate "$shape" "$cases"
         src=$shape-$cases.c
         for level in ${LEVELS:--O0 -O2}; do
-            measured plain clang-14 $level -c "$src" -o plain.o
-            measured clang-gen clang-14 $level -fprofile-generate -c "$src" -o clang-gen.o
-            measured quarl-gen clang-14 $level -fpass-plugin="$plugin" -c "$src" -o quarl-gen.o
-            clang-14 -O2 -fprofile-generate driver.c clang-gen.o -o clang-train
-            clang-14 -O2 driver.c quarl-gen.o "${runtime_link[@]}" -lpthread -o quarl-train
+            measured plain "$clang_cc" $level -c "$src" -o plain.o
+            measured clang-gen "$clang_cc" $level -fprofile-generate -c "$src" -o clang-gen.o
+            measured quarl-gen "$clang_cc" $level -fpass-plugin="$plugin" -c "$src" -o quarl-gen.o
+            "$clang_cc" -O2 -fprofile-generate driver.c clang-gen.o -o clang-train
+            "$clang_cc" -O2 driver.c quarl-gen.o "${runtime_link[@]}" -lpthread -o quarl-train
             rm -f ./*.profraw train.quarlprof
             LLVM_PROFILE_FILE=train.profraw ./clang-train || true
-            llvm-profdata-14 merge -o train.profdata train.profraw
+            "$llvm_profdata" merge -o train.profdata train.profraw
             QUARL_PROFILE_FILE=train.quarlprof ./quarl-train || true
-            measured clang-use clang-14 $level -fprofile-use=train.profdata -c "$src" -o clang-use.o
-            QUARL_PROFILE_USE=train.quarlprof measured quarl-use clang-14 $level -fpass-plugin="$plugin" -c "$src" -o quarl-use.o
+            measured clang-use "$clang_cc" $level -fprofile-use=train.profdata -c "$src" -o clang-use.o
+            QUARL_PROFILE_USE=train.quarlprof measured quarl-use "$clang_cc" $level -fpass-plugin="$plugin" -c "$src" -o quarl-use.o
             ! grep -q 'warning: .*quarl' quarl-use.err || { cat quarl-use.err >&2; echo "FAIL: profile not used" >&2; exit 1; }
             echo "| $shape | $cases | $level | $(gb plain) | $(gb clang-gen) | $(gb quarl-gen) | $(row_ratio quarl-gen clang-gen) | $(gb clang-use) | $(gb quarl-use) | $(row_ratio quarl-use clang-use) |"
         done

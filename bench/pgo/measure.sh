@@ -25,7 +25,8 @@
 # speedup over no profile, Quarl's speedup as a fraction of clang's, and the
 # compile time of each build.
 # Usage: bench/pgo/measure.sh [BUILD_DIR]; TRAIN, SCALE, RUNS, COMPILES from
-# the environment (defaults 3, 10, 10, 2). Needs npm, bc and llvm-profdata-14.
+# the environment (defaults 3, 10, 10, 2). Needs npm, bc and the clang and
+# llvm-profdata of the plugin's LLVM.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 build=$(cd "${1:-$here/../../build}" && pwd)
@@ -34,30 +35,30 @@ scale=${SCALE:-10}
 runs=${RUNS:-10}
 compiles=${COMPILES:-2}
 source "$here/../common.sh"
-prepare "$build" bc npm clang-14 llvm-profdata-14
+prepare "$build" bc npm
 src=$(fetch_sqlite)
 
 compile() { # NAME CLANG-FLAGS... : sqlite3.c at -O2 to NAME.o, warnings in NAME.err
     local name=$1
     shift
-    clang-14 -O2 "$@" -c "$src/sqlite3.c" -o "$name.o" 2>"$name.err"
+    "$clang_cc" -O2 "$@" -c "$src/sqlite3.c" -o "$name.o" 2>"$name.err"
 }
 link() { # NAME CLANG-FLAGS...
     local name=$1
     shift
-    clang-14 -O2 workload.o "$name.o" "$@" -lpthread -ldl -lm -o "$name"
+    "$clang_cc" -O2 workload.o "$name.o" "$@" -lpthread -ldl -lm -o "$name"
 }
 quarl_use=(-fplugin="$plugin" -fpass-plugin="$plugin" -mllvm -quarl-profile-use="$work/train.quarlprof")
 
 echo "building and training..." >&2
-clang-14 -O2 -I"$src" -c "$here/../sqlite/${WORKLOAD:-workload}.c" -o workload.o
+"$clang_cc" -O2 -I"$src" -c "$here/../sqlite/${WORKLOAD:-workload}.c" -o workload.o
 clang_train() { # NAME CLANG-FLAGS... : NAME.profdata from the training run
     local name=$1
     shift
     compile $name-gen -fprofile-generate "$@"
     link $name-gen -fprofile-generate
     LLVM_PROFILE_FILE=$work/$name-%p.profraw ./$name-gen "$train" >/dev/null
-    llvm-profdata-14 merge -o $name.profdata $name-*.profraw
+    "$llvm_profdata" merge -o $name.profdata $name-*.profraw
 }
 clang_train clang
 clang_train clang-edges -mllvm -disable-vp

@@ -23,15 +23,15 @@ scale=${SCALE:-10}
 runs=${RUNS:-5}
 compiles=${COMPILES:-2}
 source "$here/../common.sh"
-prepare "$build" bc npm clang-14
+prepare "$build" bc npm
 src=$(fetch_sqlite)
 
 compile() { # VARIANT : compiles sqlite3.c to VARIANT.o
     case $1 in
-    plain) clang-14 -O2 -c "$src/sqlite3.c" -o plain.o ;;
-    quarl) clang-14 -O2 -fpass-plugin="$plugin" -c "$src/sqlite3.c" -o quarl.o ;;
-    naive) QUARL_NAIVE_COUNTS=1 clang-14 -O2 -fpass-plugin="$plugin" -c "$src/sqlite3.c" -o naive.o ;;
-    clang) clang-14 -O2 -fprofile-generate -c "$src/sqlite3.c" -o clang.o ;;
+    plain) "$clang_cc" -O2 -c "$src/sqlite3.c" -o plain.o ;;
+    quarl) "$clang_cc" -O2 -fpass-plugin="$plugin" -c "$src/sqlite3.c" -o quarl.o ;;
+    naive) QUARL_NAIVE_COUNTS=1 "$clang_cc" -O2 -fpass-plugin="$plugin" -c "$src/sqlite3.c" -o naive.o ;;
+    clang) "$clang_cc" -O2 -fprofile-generate -c "$src/sqlite3.c" -o clang.o ;;
     esac
 }
 link() { # VARIANT
@@ -41,7 +41,7 @@ link() { # VARIANT
     clang) extra=(-fprofile-generate) ;;
     esac
     [ "$1" = naive ] && export QUARL_NAIVE_COUNTS=1
-    clang-14 -O2 -I"$src" "$here/workload.c" "$1.o" "${extra[@]}" -lpthread -ldl -lm -o "$1"
+    "$clang_cc" -O2 -I"$src" "$here/workload.c" "$1.o" "${extra[@]}" -lpthread -ldl -lm -o "$1"
     unset QUARL_NAIVE_COUNTS
 }
 

@@ -173,19 +173,23 @@ $expected
 got
 $got"
     # -O2: add and mul called directly behind a check of the callee (sub
-    # is too rare), copy specialised for 8 and 16 bytes, same for 4.
+    # is too rare; the pointer typed before LLVM 15, opaque after), copy specialised for 8 and 16 bytes, same for 4.
     train -O2 prog2 values.c
     use -O2 prog2.quarlprof values.c
     [ ! -s values.err ] || fail "unexpected warnings at -O2: $(cat values.err)"
     body() { awk -v name="$1" '$0 ~ "^define .*@" name "\\(" { inside = 1 } inside { print } inside && /^}/ { exit }' values.ll; }
     for callee in add mul; do
-        body apply | grep -qE "icmp eq i32 \(i32, i32\)\* %[0-9]+, @$callee\b" || fail "-O2: apply does not check for $callee"
+        body apply | grep -qE "icmp eq (i32 \(i32, i32\)\*|ptr) %[0-9]+, @$callee\b" || fail "-O2: apply does not check for $callee"
     done
     ! body apply | grep -q '@sub' || fail "-O2: the rare callee sub was promoted"
     for length in 8 16; do
         body copy | grep -qE "^ +i64 $length, label" || fail "-O2: copy is not specialised for $length bytes"
     done
-    body same | grep -qE '(memcmp|bcmp)\(.*, i64 4\)' || fail "-O2: same is not specialised for 4 bytes"
+    # LLVM 22's pass leaves memcmp and bcmp as they are, with its own
+    # profiles too.
+    if [ "$($compiler -dumpversion | cut -d. -f1)" -lt 22 ]; then
+        body same | grep -qE '(memcmp|bcmp)\(.*, i64 4\)' || fail "-O2: same is not specialised for 4 bytes"
+    fi
     # An edit that leaves the graph but not the value sites: one warning,
     # the function keeps its counts.
     sed -i 's/memset(to, 0, n);/memset(to, 0, 8);/' values.c
