@@ -37,7 +37,7 @@ compile() { # VARIANT : compiles sqlite3.c to VARIANT.o
 link() { # VARIANT
     local extra=()
     case $1 in
-    quarl | naive) extra=(-fpass-plugin="$plugin" "$runtime") ;;
+    quarl | naive) extra=(-fpass-plugin="$plugin" "${runtime_link[@]}") ;;
     clang) extra=(-fprofile-generate) ;;
     esac
     [ "$1" = naive ] && export QUARL_NAIVE_COUNTS=1
