@@ -130,9 +130,6 @@ int main(int argc, char **argv)
                 return 1;
             }
         }
-        if (std::getenv("QUARL_BENCH_VERBOSE"))
-            for (int round = 0; round < rounds; ++round)
-                std::fprintf(stderr, "%u: %.1f %.1f\n", edges, times[0][round] * 1e3, times[1][round] * 1e3);
         double base_best = *std::min_element(times[0].begin(), times[0].end());
         double after_best = *std::min_element(times[1].begin(), times[1].end());
         std::printf("| %zu | %.3f ms | %.3f ms | %.3f ms | %.3f ms | %.2fx | %.2fx |\n", routine.edges.size(),
